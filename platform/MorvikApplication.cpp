@@ -1,0 +1,118 @@
+#include "platform/MorvikApplication.h"
+
+#include "platform/Logger.h"
+
+#include <atomic>
+#include <csignal>
+#include <exception>
+#include <iostream>
+
+#include <glibmm/init.h>
+#include <glibmm/main.h>
+
+namespace morvik::pellum::utils {
+
+namespace {
+
+std::atomic<bool> gStopSignal{false};
+static_assert(std::atomic<bool>::is_always_lock_free, "the signal flag must be lock-free");
+
+extern "C" void recordStopSignal(int) { gStopSignal.store(true); }
+
+void installStopHandlers() {
+    struct sigaction action {};
+    action.sa_handler = recordStopSignal;
+    sigemptyset(&action.sa_mask);
+    // SA_RESTART: a signal must not make a blocking read of a mover thread fail.
+    action.sa_flags = SA_RESTART;
+    sigaction(SIGTERM, &action, nullptr);
+    sigaction(SIGINT, &action, nullptr);
+}
+
+constexpr const char* kLogLevelOption = "--log-level";
+
+} // namespace
+
+MorvikApplication::MorvikApplication(int& argc, char** argv, bool) {
+    if (argc > 0 && argv != nullptr) {
+        mArgv.push_back(argv[0]);
+    }
+    const std::string prefix = std::string(kLogLevelOption) + "=";
+    for (int i = 1; i < argc; ++i) {
+        const std::string arg = argv[i];
+        std::string level;
+        bool consumed = false;
+        if (arg.compare(0, prefix.size(), prefix) == 0) {
+            level = arg.substr(prefix.size());
+            consumed = true;
+        } else if (arg == kLogLevelOption && i + 1 < argc) {
+            level = argv[++i];
+            consumed = true;
+        }
+        if (consumed) {
+            int threshold = 0;
+            if (log::parseThreshold(level, threshold)) {
+                log::setThreshold(threshold);
+            } else {
+                mLogLevelInvalid = true;
+                mBadLogLevel = level;
+            }
+            continue;
+        }
+        mArgs.push_back(arg);
+        mArgv.push_back(argv[i]);
+    }
+    argc = static_cast<int>(mArgv.size());
+    mArgv.push_back(nullptr);
+}
+
+MorvikApplication::~MorvikApplication() = default;
+
+bool MorvikApplication::gotSigTerm() const { return gStopSignal.load(); }
+
+void MorvikApplication::parseCustomOptions(int, char const* const*) {}
+
+void MorvikApplication::preInit() {}
+
+void MorvikApplication::cleanUp() {}
+
+int MorvikApplication::run() {
+    if (mLogLevelInvalid) {
+        std::cerr << "invalid value '" << mBadLogLevel << "' for " << kLogLevelOption
+                  << ": use fatal, error, warning, info, debug or 0 to 5" << std::endl;
+        return 1;
+    }
+    gStopSignal.store(false);
+    installStopHandlers();
+
+    parseCustomOptions(static_cast<int>(mArgv.size()) - 1, mArgv.data());
+    preInit();
+    const int hookStatus = handleArguments(mArgs);
+    if (hookStatus != 0) {
+        cleanUp();
+        return hookStatus;
+    }
+
+    Glib::init();
+    Glib::RefPtr<Glib::MainLoop> loop = Glib::MainLoop::create();
+    JobResult result;
+    std::exception_ptr failure;
+    // glibmm would swallow an exception escaping a callback; carry it out of the loop instead.
+    Glib::signal_idle().connect_once([&]() {
+        try {
+            result = runJob();
+        } catch (...) {
+            failure = std::current_exception();
+        }
+        loop->quit();
+    });
+    loop->run();
+
+    cleanUp();
+    if (failure) {
+        std::rethrow_exception(failure);
+    }
+    return result.exitCode;
+}
+
+} // namespace morvik::pellum::utils

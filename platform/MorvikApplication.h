@@ -1,0 +1,40 @@
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+namespace morvik::pellum::utils {
+
+struct JobResult {
+    int32_t status = 0; // reserved for the framework; the program always leaves it 0
+    int32_t exitCode = 0;
+};
+
+// Owns the process life cycle: consumes the framework's own options, records SIGTERM and
+// SIGINT, hands the remaining arguments to the hook and runs the job once from a main loop.
+class MorvikApplication {
+public:
+    MorvikApplication(int& argc, char** argv, bool);
+    virtual ~MorvikApplication();
+
+    MorvikApplication(const MorvikApplication&) = delete;
+    MorvikApplication& operator=(const MorvikApplication&) = delete;
+
+    int run();
+    bool gotSigTerm() const;
+
+    virtual void parseCustomOptions(int argc, char const* const* argv);
+    virtual int handleArguments(const std::vector<std::string>& args) = 0;
+    virtual void preInit();
+    virtual void cleanUp();
+    virtual JobResult runJob() = 0;
+
+private:
+    std::vector<std::string> mArgs;
+    std::vector<const char*> mArgv;
+    std::string mBadLogLevel;
+    bool mLogLevelInvalid = false;
+};
+
+} // namespace morvik::pellum::utils
