@@ -1,1 +1,6 @@
-int main() { return 0; }
+#include "app/QuarvelApp.h"
+
+int main(int argc, char** argv) {
+    quarvel::QuarvelApp app(argc, argv);
+    return app.run();
+}

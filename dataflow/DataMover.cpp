@@ -57,6 +57,15 @@ std::string formatByteCount(uint32_t value) {
     return text.str();
 }
 
+void writeProgress(std::ostream& out, uint32_t done, uint32_t total, uint32_t bytesPerSecond) {
+    const unsigned percent =
+        total == 0 ? 0u
+                   : static_cast<unsigned>(static_cast<float>(done) / static_cast<float>(total) *
+                                           100.0f);
+    out << formatByteCount(done) << " / " << formatByteCount(total) << "     " << percent << "%"
+        << "     " << "@ " << formatByteCount(bytesPerSecond) << "/s" << std::string(37, ' ');
+}
+
 DataMover::DataMover(std::shared_ptr<AbstractDataSource> source,
                      std::shared_ptr<AbstractDataSink> sink, std::string name)
     : morvik::pellum::log::Logger("DataMover (name=" + name + ")", std::string(),
@@ -107,15 +116,7 @@ void DataMover::abort() {
 }
 
 void DataMover::printProgress(std::ostream& out) const {
-    const uint32_t done = mBytesTransferred.load();
-    const uint32_t total = mBytesToTransfer.load();
-    const uint32_t rate = mTransferRate.load();
-    const unsigned percent =
-        total == 0 ? 0u
-                   : static_cast<unsigned>(static_cast<float>(done) / static_cast<float>(total) *
-                                           100.0f);
-    out << formatByteCount(done) << " / " << formatByteCount(total) << "     " << percent << "%"
-        << "     " << "@ " << formatByteCount(rate) << "/s" << std::string(37, ' ');
+    writeProgress(out, mBytesTransferred.load(), mBytesToTransfer.load(), mTransferRate.load());
 }
 
 uint32_t DataMover::computeBufferSize() {

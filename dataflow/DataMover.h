@@ -13,6 +13,9 @@ namespace quarvel {
 // Text of a byte count for the progress line: 3 significant digits and a binary unit.
 std::string formatByteCount(uint32_t value);
 
+// One progress segment, without line end: "64 KB / 128 KB     50%     @ 512 B/s" and blanks.
+void writeProgress(std::ostream& out, uint32_t done, uint32_t total, uint32_t bytesPerSecond);
+
 // Moves a byte count from a source to a sink on a thread of its own, in buffers of up to
 // 128 KiB. The job's thread polls the atomics below while the worker runs; the error text is
 // published before the failed flag, and read only after seeing it.

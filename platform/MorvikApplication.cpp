@@ -34,6 +34,9 @@ constexpr const char* kLogLevelOption = "--log-level";
 } // namespace
 
 MorvikApplication::MorvikApplication(int& argc, char** argv, bool) {
+    // From here on a stop request is recorded instead of ending the process.
+    gStopSignal.store(false);
+    installStopHandlers();
     if (argc > 0 && argv != nullptr) {
         mArgv.push_back(argv[0]);
     }
@@ -82,9 +85,6 @@ int MorvikApplication::run() {
                   << ": use fatal, error, warning, info, debug or 0 to 5" << std::endl;
         return 1;
     }
-    gStopSignal.store(false);
-    installStopHandlers();
-
     parseCustomOptions(static_cast<int>(mArgv.size()) - 1, mArgv.data());
     preInit();
     const int hookStatus = handleArguments(mArgs);

@@ -1,0 +1,34 @@
+#pragma once
+
+#include "app/CommandLineOptions.h"
+#include "dataflow/AbstractDataMover.h"
+#include "dataflow/DataSinkOrSource.h"
+#include "platform/MorvikApplication.h"
+
+#include <memory>
+#include <string>
+#include <vector>
+
+namespace quarvel {
+
+class QuarvelApp : public morvik::pellum::utils::MorvikApplication {
+public:
+    QuarvelApp(int argc, char** argv);
+    ~QuarvelApp() override;
+
+    int handleArguments(const std::vector<std::string>& args) override;
+    morvik::pellum::utils::JobResult runJob() override;
+
+    std::vector<std::shared_ptr<AbstractDataMover>> createMovers(const Chain& chain);
+    void abortMovers(const std::vector<std::shared_ptr<AbstractDataMover>>& movers);
+    std::string collectErrors(const std::vector<std::shared_ptr<AbstractDataMover>>& movers);
+
+    const std::shared_ptr<CommandLineOptions>& options() const { return mOptions; }
+
+private:
+    morvik::pellum::utils::JobResult transfer();
+
+    std::shared_ptr<CommandLineOptions> mOptions;
+};
+
+} // namespace quarvel
