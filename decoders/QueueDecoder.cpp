@@ -1,0 +1,108 @@
+#include "decoders/QueueDecoder.h"
+
+#include <algorithm>
+#include <cstring>
+#include <stdexcept>
+
+namespace quarvel {
+
+using morvik::pellum::log::Severity;
+
+QueueDecoder::QueueDecoder(size_t capacitySamples, size_t samplesPerWord)
+    : mCapacity(capacitySamples), mSamplesPerWord(samplesPerWord) {
+    if (capacitySamples == 0) {
+        throw std::invalid_argument("decoder queue capacity must be at least one sample");
+    }
+}
+
+void QueueDecoder::open(uint32_t /*totalSize*/) {
+    std::lock_guard<std::mutex> lock(mMutex);
+    ++mOpenCount;
+}
+
+void QueueDecoder::close() {
+    {
+        std::lock_guard<std::mutex> lock(mMutex);
+        mClosed = true;
+        ++mGeneration;
+    }
+    mRoomMade.notify_all();
+    mDataWritten.notify_all();
+}
+
+size_t QueueDecoder::bufferedSamples() const {
+    std::lock_guard<std::mutex> lock(mMutex);
+    return mBuffer.size();
+}
+
+size_t QueueDecoder::peakBufferedSamples() const {
+    std::lock_guard<std::mutex> lock(mMutex);
+    return mPeak;
+}
+
+bool QueueDecoder::writerMayAppend(size_t samples) const {
+    if (samples == 0 || mClosed || mOpenCount < 2 || mBuffer.empty()) {
+        return true;
+    }
+    const size_t size = mBuffer.size();
+    return size < mCapacity && samples <= mCapacity - size;
+}
+
+uint32_t QueueDecoder::write(const uint8_t* buffer, uint32_t len) {
+    if (len % 4 != 0) {
+        pellumDoLog(Severity::Fatal, "buffer_count %% 4 != 0: not supported", {});
+        throw std::runtime_error("buffer_count not a multiple of four, not supported");
+    }
+    const size_t samples = len / 4 * mSamplesPerWord;
+    size_t count = 0;
+    {
+        std::unique_lock<std::mutex> lock(mMutex);
+        mRoomMade.wait(lock, [&] { return writerMayAppend(samples); });
+        decode(buffer, len, mBuffer);
+        ++mGeneration;
+        count = mBuffer.size();
+        mPeak = std::max(mPeak, count);
+    }
+    mDataWritten.notify_all();
+    pellumDoLog(Severity::Debug, "-write: mBuffer.size() = %u", {}, static_cast<unsigned>(count));
+    return len;
+}
+
+uint32_t QueueDecoder::read(uint8_t* buffer, uint32_t bufferLen) {
+    if (bufferLen == 0) {
+        pellumDoLog(Severity::Error, "Reading 0 bytes", {});
+        return 0;
+    }
+    size_t count = 0;
+    size_t left = 0;
+    {
+        std::lock_guard<std::mutex> lock(mMutex);
+        count = std::min<size_t>(bufferLen / 4, mBuffer.size());
+        const auto end = mBuffer.begin() + static_cast<std::ptrdiff_t>(count);
+        uint8_t* out = buffer;
+        for (auto it = mBuffer.begin(); it != end; ++it, out += sizeof(int32_t)) {
+            std::memcpy(out, &*it, sizeof(int32_t)); // the caller's buffer need not be aligned
+        }
+        mBuffer.erase(mBuffer.begin(), end);
+        left = mBuffer.size();
+    }
+    if (count > 0) {
+        mRoomMade.notify_all();
+    }
+    pellumDoLog(Severity::Debug, "-read, read %u elements, mBuffer.size() = %u", {},
+                static_cast<unsigned>(count), static_cast<unsigned>(left));
+    return static_cast<uint32_t>(count * sizeof(int32_t));
+}
+
+void QueueDecoder::waitForMaybeData() {
+    pellumDoLog(Severity::Debug, "+waitForMaybeData", {});
+    std::unique_lock<std::mutex> lock(mMutex);
+    // Samples may have landed between the caller's empty read and this wait.
+    if (mBuffer.empty()) {
+        const uint64_t seen = mGeneration;
+        mDataWritten.wait_for(lock, kWaitTimeout, [&] { return mGeneration != seen; });
+    }
+    pellumDoLog(Severity::Debug, "-waitForMaybeData", {});
+}
+
+} // namespace quarvel

@@ -1,0 +1,74 @@
+#pragma once
+
+#include "dataflow/AbstractDecoder.h"
+#include "platform/Logger.h"
+
+#include <chrono>
+#include <condition_variable>
+#include <cstddef>
+#include <cstdint>
+#include <deque>
+#include <mutex>
+
+namespace quarvel {
+
+// Common body of the decoders: the sample queue between the mover in front (the only
+// producer, calling write) and the mover behind (the only consumer, calling read and
+// waitForMaybeData).
+//
+// The queue holds at most capacitySamples() decoded samples. A write whose samples do not fit
+// blocks the writer until reads have made room; its samples are then appended all at once,
+// so a reader sees none or all of one call. A single call larger than the whole capacity is
+// let in when the queue is empty, so it cannot deadlock; the queue then briefly holds more.
+// The writer never blocks before both sides have opened the decoder (a reader whose mover
+// failed to start would never make room) nor after either side has closed it (the reader is
+// gone, or nothing more comes). read never blocks; waitForMaybeData waits for a write, a
+// close or kWaitTimeout, whichever comes first.
+class QueueDecoder : public AbstractDecoder, public virtual morvik::pellum::log::Logger {
+public:
+    static constexpr const char* kLoggerName = "DecoderInt32LEToCutInt16LE";
+    // 16 MiB of int32 samples: what the queue may take of the board's memory.
+    static constexpr size_t kDefaultCapacity = 4 * 1024 * 1024;
+    static constexpr std::chrono::milliseconds kWaitTimeout{20};
+
+    QueueDecoder(const QueueDecoder&) = delete;
+    QueueDecoder& operator=(const QueueDecoder&) = delete;
+
+    void open(uint32_t totalSize) override;
+    void close() override;
+    uint32_t optimalReadSize() override { return 4; }
+    uint32_t read(uint8_t* buffer, uint32_t bufferLen) override;
+    void waitForMaybeData() override;
+    bool isEndOfData() override { return false; }
+    uint32_t optimalWriteSize() override { return 4; }
+    uint32_t write(const uint8_t* buffer, uint32_t len) override;
+
+    size_t capacitySamples() const { return mCapacity; }
+    size_t bufferedSamples() const;
+    // The largest number of samples the queue has held at once.
+    size_t peakBufferedSamples() const;
+
+protected:
+    QueueDecoder(size_t capacitySamples, size_t samplesPerWord);
+    ~QueueDecoder() override = default;
+
+    // Appends the samples of the len / 4 words at words to out; called under mMutex.
+    virtual void decode(const uint8_t* words, uint32_t len, std::deque<int32_t>& out) const = 0;
+
+private:
+    bool writerMayAppend(size_t samples) const;
+
+    std::deque<int32_t> mBuffer;
+    mutable std::mutex mMutex;
+    std::condition_variable mDataWritten;
+    std::condition_variable mRoomMade;
+    // Bumped by every write and close, so that a waiting reader can tell news from a timeout.
+    uint64_t mGeneration = 0;
+    unsigned mOpenCount = 0;
+    bool mClosed = false;
+    size_t mPeak = 0;
+    const size_t mCapacity = kDefaultCapacity;
+    const size_t mSamplesPerWord = 1;
+};
+
+} // namespace quarvel
