@@ -17,7 +17,7 @@ CommandLineOptions::CommandLineOptions(const std::vector<std::string>& args)
       mDescription("Supported Options", po::options_description::m_default_line_length,
                    po::options_description::m_default_line_length / 2) {
     // "data-rate" is parsed as a character: the stored number is that character's code.
-    mDescription.add_options()                                                              //
+    mDescription.add_options()                                                            //
         ("file", po::value<std::string>(), "save the recorded data to the provided file") //
         ("src-addr", po::value<uint32_t>(),
          "address at which the recorder starts to write, default is 0") //
@@ -77,6 +77,8 @@ void CommandLineOptions::parse(const std::vector<std::string>& args) {
     }
 }
 
-void CommandLineOptions::printHelp() const { std::cout << mDescription << std::endl; }
+void CommandLineOptions::printHelp() const {
+    std::cout << mDescription << std::endl;
+}
 
 } // namespace quarvel

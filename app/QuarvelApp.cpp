@@ -19,7 +19,9 @@ namespace {
 
 constexpr long kPollPeriodNs = 250000000;
 
-JobResult exitWith(int32_t code) { return JobResult{0, code}; }
+JobResult exitWith(int32_t code) {
+    return JobResult{0, code};
+}
 
 void sleepPollPeriod() {
     timespec request{0, kPollPeriodNs};

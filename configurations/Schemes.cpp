@@ -35,7 +35,8 @@ Chain completeChain(const std::shared_ptr<AbstractRecorder>& source, std::string
     Chain chain;
     chain.push_back(std::make_shared<DataSinkOrSource>(source, nullptr, std::move(sourceName)));
     if (decoder) {
-        chain.push_back(std::make_shared<DataSinkOrSource>(decoder, decoder, std::move(decoderName)));
+        chain.push_back(
+            std::make_shared<DataSinkOrSource>(decoder, decoder, std::move(decoderName)));
     }
     chain.push_back(std::make_shared<DataSinkOrSource>(nullptr, sink, "H5 file"));
     return chain;

@@ -21,8 +21,7 @@ public:
 
 class ConfigurationInt32 : public ConfigurationBase {
 public:
-    ConfigurationInt32()
-        : ConfigurationBase("int32", "Decode 32 bits signed integer, into HDF5") {}
+    ConfigurationInt32() : ConfigurationBase("int32", "Decode 32 bits signed integer, into HDF5") {}
     Chain buildChain(const std::shared_ptr<CommandLineOptions>& options) const override;
 };
 

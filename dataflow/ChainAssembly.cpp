@@ -28,9 +28,9 @@ std::vector<std::shared_ptr<AbstractDataMover>> createMovers(const Chain& chain)
     std::vector<std::shared_ptr<AbstractDataMover>> movers;
     movers.reserve(chain.size() - 1);
     for (size_t i = 0; i + 1 < chain.size(); ++i) {
-        movers.push_back(std::make_shared<DataMover>(
-            chain[i]->getSource(), chain[i + 1]->getSink(),
-            "Mover " + std::to_string(i) + " to " + std::to_string(i + 1)));
+        movers.push_back(std::make_shared<DataMover>(chain[i]->getSource(), chain[i + 1]->getSink(),
+                                                     "Mover " + std::to_string(i) + " to " +
+                                                         std::to_string(i + 1)));
     }
     return movers;
 }

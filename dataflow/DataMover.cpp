@@ -51,19 +51,19 @@ std::string formatByteCount(uint32_t value) {
         }
     }
     std::ostringstream text;
-    text << std::setprecision(3)
-         << static_cast<float>(value) / static_cast<float>(chosen->divisor) << ' '
-         << chosen->unit;
+    text << std::setprecision(3) << static_cast<float>(value) / static_cast<float>(chosen->divisor)
+         << ' ' << chosen->unit;
     return text.str();
 }
 
 void writeProgress(std::ostream& out, uint32_t done, uint32_t total, uint32_t bytesPerSecond) {
     const unsigned percent =
-        total == 0 ? 0u
-                   : static_cast<unsigned>(static_cast<float>(done) / static_cast<float>(total) *
-                                           100.0f);
+        total == 0
+            ? 0u
+            : static_cast<unsigned>(static_cast<float>(done) / static_cast<float>(total) * 100.0f);
     out << formatByteCount(done) << " / " << formatByteCount(total) << "     " << percent << "%"
-        << "     " << "@ " << formatByteCount(bytesPerSecond) << "/s" << std::string(37, ' ');
+        << "     "
+        << "@ " << formatByteCount(bytesPerSecond) << "/s" << std::string(37, ' ');
 }
 
 DataMover::DataMover(std::shared_ptr<AbstractDataSource> source,
@@ -73,7 +73,9 @@ DataMover::DataMover(std::shared_ptr<AbstractDataSource> source,
       mSource(std::move(source)), mSink(std::move(sink)), mName(std::move(name)),
       mDecoderSink(std::dynamic_pointer_cast<AbstractDecoder>(mSink)) {}
 
-DataMover::~DataMover() { abort(); }
+DataMover::~DataMover() {
+    abort();
+}
 
 std::string DataMover::errorText() {
     // The text is only stable once the flag announcing it has been seen.
@@ -138,8 +140,7 @@ uint32_t DataMover::computeBufferSize() {
     }
     const uint32_t toTransfer = mBytesToTransfer.load();
     if (toTransfer != 0 && toTransfer < size) {
-        pellumDoLog(Severity::Debug, "mBytesToTransfer lower than 128kB: use mBytesToTransfer",
-                    {});
+        pellumDoLog(Severity::Debug, "mBytesToTransfer lower than 128kB: use mBytesToTransfer", {});
         size = toTransfer;
     }
     pellumDoLog(Severity::Info, "-computeBufferSize returns %u", {}, size);
@@ -229,8 +230,8 @@ void DataMover::closeSide(bool sourceSide) {
                     mName.c_str(), e.what());
         recordFailure(e.what());
     } catch (...) {
-        pellumDoLog(Severity::Error, "DataMover (name = %s) close fails with unknown exception",
-                    {}, mName.c_str());
+        pellumDoLog(Severity::Error, "DataMover (name = %s) close fails with unknown exception", {},
+                    mName.c_str());
         recordFailure("unknown");
     }
 }

@@ -13,9 +13,13 @@ namespace morvik::pellum::log {
 
 std::atomic<int> gThreshold{static_cast<int>(Severity::Error)};
 
-void setThreshold(int value) { gThreshold.store(value, std::memory_order_relaxed); }
+void setThreshold(int value) {
+    gThreshold.store(value, std::memory_order_relaxed);
+}
 
-int threshold() { return gThreshold.load(std::memory_order_relaxed); }
+int threshold() {
+    return gThreshold.load(std::memory_order_relaxed);
+}
 
 const char* severityName(Severity severity) {
     switch (severity) {

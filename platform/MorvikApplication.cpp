@@ -17,7 +17,9 @@ namespace {
 std::atomic<bool> gStopSignal{false};
 static_assert(std::atomic<bool>::is_always_lock_free, "the signal flag must be lock-free");
 
-extern "C" void recordStopSignal(int) { gStopSignal.store(true); }
+extern "C" void recordStopSignal(int) {
+    gStopSignal.store(true);
+}
 
 void installStopHandlers() {
     struct sigaction action {};
@@ -71,7 +73,9 @@ MorvikApplication::MorvikApplication(int& argc, char** argv, bool) {
 
 MorvikApplication::~MorvikApplication() = default;
 
-bool MorvikApplication::gotSigTerm() const { return gStopSignal.load(); }
+bool MorvikApplication::gotSigTerm() const {
+    return gStopSignal.load();
+}
 
 void MorvikApplication::parseCustomOptions(int, char const* const*) {}
 

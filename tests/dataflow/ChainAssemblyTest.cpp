@@ -55,7 +55,8 @@ TEST(DataSinkOrSource, AccessorsThrowForAMissingSide) {
 
 TEST(ChainAssembly, RejectsMalformedChainsWithTheFirstFailingRule) {
     const std::string prefix = "Invalid configuration chain: ";
-    const std::string middle = prefix + "elements in the middle must be both source and sink, index ";
+    const std::string middle =
+        prefix + "elements in the middle must be both source and sink, index ";
     EXPECT_EQ(failureOf({}), prefix + "not enough elements");
     EXPECT_EQ(failureOf({sourceOnly()}), prefix + "not enough elements");
     EXPECT_EQ(failureOf({sinkOnly(), sourceOnly()}), prefix + "first element must be a source");

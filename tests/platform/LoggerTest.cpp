@@ -38,7 +38,9 @@ TEST(Logger, LineCarriesTimeSeverityNameAndFormattedText) {
     const auto got = lines(capture.text());
     ASSERT_EQ(got.size(), 2u);
     EXPECT_TRUE(std::regex_match(
-        got[0], std::regex(R"(\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d\.\d{6}Z INFO \[SinkHDF5\] -write\(16\): wrote 4 values)")))
+        got[0],
+        std::regex(
+            R"(\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d\.\d{6}Z INFO \[SinkHDF5\] -write\(16\): wrote 4 values)")))
         << got[0];
     EXPECT_NE(got[1].find("DEBUG [SinkHDF5] no conversion at all"), std::string::npos);
 }
@@ -87,9 +89,9 @@ TEST(Logger, DefaultThresholdShowsOnlyFatalAndError) {
 }
 
 TEST(Logger, ThresholdNamesAndNumbers) {
-    const std::pair<const char*, int> accepted[] = {
-        {"fatal", 0}, {"error", 1}, {"warning", 2}, {"info", 4}, {"debug", 5}, {"0", 0}, {"3", 3},
-        {"5", 5}};
+    const std::pair<const char*, int> accepted[] = {{"fatal", 0}, {"error", 1}, {"warning", 2},
+                                                    {"info", 4},  {"debug", 5}, {"0", 0},
+                                                    {"3", 3},     {"5", 5}};
     for (const auto& [text, expected] : accepted) {
         int value = -1;
         EXPECT_TRUE(morvik::pellum::log::parseThreshold(text, value)) << text;
@@ -124,7 +126,8 @@ TEST(Logger, ConcurrentLoggersNeverTearLines) {
     }
     const auto got = lines(capture.text());
     ASSERT_EQ(got.size(), static_cast<size_t>(kThreads * kLines));
-    const std::regex shape(R"(\S+ DEBUG \[DecoderInt32LEToCutInt16LE\] thread (\d+) line (\d+) #{200})");
+    const std::regex shape(
+        R"(\S+ DEBUG \[DecoderInt32LEToCutInt16LE\] thread (\d+) line (\d+) #{200})");
     std::set<std::pair<int, int>> seen;
     for (const auto& line : got) {
         std::smatch match;
