@@ -1,5 +1,7 @@
 #include "app/QuarvelApp.h"
 
+#include "app/StopDeadline.h"
+
 #include "configurations/Configurations.h"
 #include "dataflow/ChainAssembly.h"
 #include "platform/Logger.h"
@@ -18,6 +20,8 @@ using morvik::pellum::utils::JobResult;
 namespace {
 
 constexpr long kPollPeriodNs = 250000000;
+// How long stopping the movers may take before the process leaves without them.
+constexpr std::chrono::seconds kStopLimit{5};
 
 JobResult exitWith(int32_t code) {
     return JobResult{0, code};
@@ -102,8 +106,16 @@ JobResult QuarvelApp::transfer() {
         return exitWith(2);
     }
 
+    StopDeadline deadline; // outlives the movers, whose release it guards
     Chain chain = scheme->buildChain(mOptions);
     std::vector<std::shared_ptr<AbstractDataMover>> movers = createMovers(chain);
+    int exitCode = 42; // stays so when an exception ends the run
+    // However the run ends, releasing the movers is guarded by the deadline.
+    struct ArmOnExit {
+        StopDeadline& deadline;
+        const int& code;
+        ~ArmOnExit() { deadline.arm(code, kStopLimit); }
+    } armOnExit{deadline, exitCode};
 
     uint32_t size = mOptions->getDataBytes();
     for (const auto& mover : movers) {
@@ -127,6 +139,8 @@ JobResult QuarvelApp::transfer() {
                 pellumDoLog(Severity::Error,
                             "Data mover %s failed, aborting all others and breaking loop", {},
                             mover->name().c_str());
+                exitCode = 2;
+                deadline.arm(exitCode, kStopLimit);
                 abortMovers(movers);
                 anyFailed = true;
                 break;
@@ -149,9 +163,10 @@ JobResult QuarvelApp::transfer() {
     }
 
     if (gotSigTerm()) {
+        exitCode = 1;
         pellumDoLog(Severity::Error, "GOT SIGTERM", {});
         std::cerr << "transfer abort requested by user (sigterm)" << std::endl;
-        return exitWith(1);
+        return exitWith(exitCode);
     }
 
     pellumDoLog(Severity::Debug, "went out of data mover monitoring loop", {});
@@ -160,11 +175,13 @@ JobResult QuarvelApp::transfer() {
     std::cout << std::string(31, ' ') << std::flush;
     const std::string errors = collectErrors(movers);
     if (errors.empty()) {
+        exitCode = 0;
         std::cout << "Transfer successful" << std::endl;
-        return exitWith(0);
+    } else {
+        exitCode = 2;
+        std::cerr << "Transfer to file failed, error = " << errors << std::endl;
     }
-    std::cerr << "Transfer to file failed, error = " << errors << std::endl;
-    return exitWith(2);
+    return exitWith(exitCode);
 }
 
 } // namespace quarvel

@@ -1,8 +1,11 @@
 #include "app/QuarvelApp.h"
+#include "app/StopDeadline.h"
 
 #include "tests/support/TestSupport.h"
 
 #include <gtest/gtest.h>
+
+#include <thread>
 
 namespace quarvel::test {
 namespace {
@@ -83,6 +86,39 @@ TEST_F(QuarvelAppTest, UnusableOptionsEndWithExitCodeOneBeforeAnythingIsBuilt) {
     testing::internal::CaptureStdout();
     EXPECT_EQ(app.runJob().exitCode, 1);
     EXPECT_EQ(testing::internal::GetCapturedStdout().rfind("Supported Options:", 0), 0u);
+}
+
+} // namespace
+} // namespace quarvel::test
+
+namespace quarvel::test {
+namespace {
+
+using namespace std::chrono_literals;
+
+TEST(StopDeadlineDeathTest, EndsTheProcessWhenTheStopTakesTooLong) {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    EXPECT_EXIT(
+        {
+            StopDeadline deadline;
+            deadline.arm(7, 50ms);
+            std::this_thread::sleep_for(10s); // a mover stuck in the kernel
+        },
+        ::testing::ExitedWithCode(7), "a data mover did not stop");
+}
+
+TEST(StopDeadlineDeathTest, ReleasedInTimeLeavesTheProcessAlone) {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    EXPECT_EXIT(
+        {
+            {
+                StopDeadline deadline;
+                deadline.arm(7, 200ms);
+            }
+            std::this_thread::sleep_for(300ms);
+            std::exit(0);
+        },
+        ::testing::ExitedWithCode(0), "");
 }
 
 } // namespace
