@@ -208,7 +208,7 @@ TEST_P(StoppedRecording, EndsWithinASecondAndKeepsAReadableFile) {
     const auto settle = emulated() ? 1500ms : 0ms;
     spec.stopWhen = [&](pid_t pid) {
         if (ready == std::chrono::steady_clock::time_point{}) {
-            if (!catchesTerm(pid)) {
+            if (!catchesSignal(pid, stop.signal)) {
                 return false;
             }
             ready = std::chrono::steady_clock::now();

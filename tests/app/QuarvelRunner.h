@@ -56,13 +56,13 @@ inline bool sanitized() {
 #endif
 }
 
-// True once the process has installed its SIGTERM handler (so a signal is no longer fatal).
-inline bool catchesTerm(pid_t pid) {
+// True once the process has installed its handler for `signal` (so it is no longer fatal).
+inline bool catchesSignal(pid_t pid, int signal) {
     std::istringstream status(readFile("/proc/" + std::to_string(pid) + "/status"));
     for (std::string line; std::getline(status, line);) {
         if (line.rfind("SigCgt:", 0) == 0) {
             const unsigned long long mask = std::stoull(line.substr(7), nullptr, 16);
-            return (mask >> (SIGTERM - 1)) & 1u;
+            return (mask >> (signal - 1)) & 1u;
         }
     }
     return false;
