@@ -82,7 +82,10 @@ std::string formatMessage(const std::string_view& format, va_list args) {
     return message;
 }
 
-std::string withContext(std::string message, const std::function<std::string()>& context) {
+// The formatted text, then what the context function adds, if anything.
+std::string composeMessage(const std::string_view& format,
+                           const std::function<std::string()>& context, va_list args) {
+    std::string message = formatMessage(format, args);
     if (context) {
         const std::string extra = context();
         if (!extra.empty()) {
@@ -155,9 +158,8 @@ void Logger::pellumDoLog(Severity severity, const std::string_view& format,
     }
     va_list args;
     va_start(args, context);
-    std::string message = formatMessage(format, args);
+    const std::string message = composeMessage(format, context, args);
     va_end(args);
-    message = withContext(std::move(message), context);
     if (mImpl) {
         mImpl->emit(severity, mName, mSecond, message);
     } else {
@@ -172,9 +174,9 @@ void pellumDoLog(Severity severity, const std::string_view& format,
     }
     va_list args;
     va_start(args, context);
-    std::string message = formatMessage(format, args);
+    const std::string message = composeMessage(format, context, args);
     va_end(args);
-    emitToDefault(severity, "quarvel", std::string(), withContext(std::move(message), context));
+    emitToDefault(severity, "quarvel", std::string(), message);
 }
 
 } // namespace morvik::pellum::log
