@@ -97,7 +97,6 @@ namespace {
 using namespace std::chrono_literals;
 
 TEST(StopDeadlineDeathTest, EndsTheProcessWhenTheStopTakesTooLong) {
-    GTEST_FLAG_SET(death_test_style, "threadsafe");
     EXPECT_EXIT(
         {
             StopDeadline deadline;
@@ -108,7 +107,6 @@ TEST(StopDeadlineDeathTest, EndsTheProcessWhenTheStopTakesTooLong) {
 }
 
 TEST(StopDeadlineDeathTest, ReleasedInTimeLeavesTheProcessAlone) {
-    GTEST_FLAG_SET(death_test_style, "threadsafe");
     EXPECT_EXIT(
         {
             {
