@@ -106,7 +106,8 @@ JobResult QuarvelApp::transfer() {
         return exitWith(2);
     }
 
-    StopDeadline deadline; // outlives the movers, whose release it guards
+    // Outlives the elements and movers, whose opening and release it guards.
+    StopDeadline deadline([this] { return gotSigTerm(); }, 1, kStopLimit);
     Chain chain = scheme->buildChain(mOptions);
     std::vector<std::shared_ptr<AbstractDataMover>> movers = createMovers(chain);
     int exitCode = 42; // stays so when an exception ends the run
@@ -114,7 +115,7 @@ JobResult QuarvelApp::transfer() {
     struct ArmOnExit {
         StopDeadline& deadline;
         const int& code;
-        ~ArmOnExit() { deadline.arm(code, kStopLimit); }
+        ~ArmOnExit() { deadline.arm(code); }
     } armOnExit{deadline, exitCode};
 
     uint32_t size = mOptions->getDataBytes();
@@ -140,7 +141,7 @@ JobResult QuarvelApp::transfer() {
                             "Data mover %s failed, aborting all others and breaking loop", {},
                             mover->name().c_str());
                 exitCode = 2;
-                deadline.arm(exitCode, kStopLimit);
+                deadline.arm(exitCode);
                 abortMovers(movers);
                 anyFailed = true;
                 break;

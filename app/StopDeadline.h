@@ -2,28 +2,41 @@
 
 #include <chrono>
 #include <condition_variable>
+#include <functional>
 #include <mutex>
 #include <thread>
 
 namespace quarvel {
 
-// Ends the process if stopping the data movers takes too long. A recorder device that
-// delivers nothing keeps its mover blocked in the kernel's read, where no abort reaches it;
-// a stop requested by the user or forced by a failure must still end the run.
+// Ends the process if stopping a run takes too long. A recorder device that delivers nothing
+// keeps its reader blocked in the kernel (in open or read), where no abort reaches it; a stop
+// requested by the user or forced by a failure must still end the run. The countdown starts
+// when stopRequested() turns true (checked every 50 ms) or when arm() is called; destroying
+// the object in time cancels it.
 class StopDeadline {
 public:
-    StopDeadline() = default;
+    StopDeadline(std::function<bool()> stopRequested, int stopExitCode,
+                 std::chrono::milliseconds limit);
     ~StopDeadline();
     StopDeadline(const StopDeadline&) = delete;
     StopDeadline& operator=(const StopDeadline&) = delete;
 
-    // From now on the process ends with exitCode unless this object is destroyed within limit.
-    void arm(int exitCode, std::chrono::milliseconds limit);
+    // Starts the countdown now, unless it runs already; the process would end with exitCode.
+    void arm(int exitCode);
 
 private:
+    void watch();
+    void armLocked(int exitCode);
+
+    const std::function<bool()> mStopRequested;
+    const int mStopExitCode;
+    const std::chrono::milliseconds mLimit;
     std::mutex mMutex;
-    std::condition_variable mDisarmed;
+    std::condition_variable mChanged;
     bool mDone = false;
+    bool mArmed = false;
+    int mExitCode = 0;
+    std::chrono::steady_clock::time_point mEnd{};
     std::thread mThread;
 };
 

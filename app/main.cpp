@@ -13,7 +13,8 @@ int main(int argc, char** argv) {
     // After a file failed to close (a full disk), HDF5's own exit handlers would crash; the
     // file is as complete as it can be, so the process leaves without them.
     if (quarvel::SinkHDF5::hasAbandonedFiles()) {
-        std::fflush(nullptr);
+        std::fflush(stdout);
+        std::fflush(stderr);
         std::_Exit(exitCode);
     }
     return exitCode;

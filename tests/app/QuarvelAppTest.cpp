@@ -5,6 +5,7 @@
 
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <thread>
 
 namespace quarvel::test {
@@ -99,19 +100,37 @@ using namespace std::chrono_literals;
 TEST(StopDeadlineDeathTest, EndsTheProcessWhenTheStopTakesTooLong) {
     EXPECT_EXIT(
         {
-            StopDeadline deadline;
-            deadline.arm(7, 50ms);
+            StopDeadline deadline(nullptr, 1, 50ms);
+            deadline.arm(7);
             std::this_thread::sleep_for(10s); // a mover stuck in the kernel
         },
         ::testing::ExitedWithCode(7), "a data mover did not stop");
+}
+
+TEST(StopDeadlineDeathTest, StartsCountingWhenAStopIsRequested) {
+    EXPECT_EXIT(
+        {
+            std::atomic<bool> stop{false};
+            StopDeadline deadline([&stop] { return stop.load(); }, 5, 100ms);
+            stop = true;
+            std::this_thread::sleep_for(10s);
+        },
+        ::testing::ExitedWithCode(5), "a data mover did not stop");
+    EXPECT_EXIT(
+        {
+            StopDeadline deadline([] { return false; }, 5, 50ms);
+            std::this_thread::sleep_for(300ms); // no stop requested: no countdown
+            std::exit(0);
+        },
+        ::testing::ExitedWithCode(0), "");
 }
 
 TEST(StopDeadlineDeathTest, ReleasedInTimeLeavesTheProcessAlone) {
     EXPECT_EXIT(
         {
             {
-                StopDeadline deadline;
-                deadline.arm(7, 200ms);
+                StopDeadline deadline(nullptr, 1, 200ms);
+                deadline.arm(7);
             }
             std::this_thread::sleep_for(300ms);
             std::exit(0);

@@ -409,3 +409,45 @@ TEST_F(RecorderSchemes, UnknownSchemeTouchesNoDevice) {
 
 } // namespace
 } // namespace quarvel::test
+
+namespace quarvel::test {
+namespace {
+
+using namespace std::chrono_literals;
+
+// A device that is open but never delivers keeps its mover blocked in the kernel's read,
+// where no abort reaches it: SIGTERM must still end the run.
+TEST_F(RecorderSchemes, SilentDeviceStillEndsOnSigterm) {
+    ASSERT_EQ(mkfifo(device.c_str(), 0600), 0);
+    // Held open for reading and writing: the program's open succeeds, and no data ever comes.
+    const int silentWriter = ::open(device.c_str(), O_RDWR);
+    ASSERT_GE(silentWriter, 0);
+    makeControl(0, 0);
+
+    RunSpec spec;
+    spec.args = args("int32", device, 4096);
+    spec.stopSignal = SIGTERM;
+    std::chrono::steady_clock::time_point ready{};
+    spec.stopWhen = [&](pid_t pid) {
+        if (ready == std::chrono::steady_clock::time_point{}) {
+            if (!catchesSignal(pid, SIGTERM)) {
+                return false;
+            }
+            ready = std::chrono::steady_clock::now();
+        }
+        return std::chrono::steady_clock::now() - ready >= 300ms;
+    };
+    const RunResult run = runQuarvel(spec);
+    ::close(silentWriter);
+    ASSERT_EQ(run.termSignal, 0) << "killed by the signal instead of stopping";
+    EXPECT_EQ(run.exitCode, 1);
+    EXPECT_EQ(withoutLogLines(run.err),
+              "transfer abort requested by user (sigterm)\n"
+              "quarvel: a data mover did not stop (the recorder device delivers nothing); "
+              "leaving without it\n");
+    EXPECT_LT(run.stopLatency, 8000ms);
+    EXPECT_GE(run.stopLatency, 4000ms) << "the movers get their time to stop first";
+}
+
+} // namespace
+} // namespace quarvel::test
