@@ -449,5 +449,31 @@ TEST_F(RecorderSchemes, SilentDeviceStillEndsOnSigterm) {
     EXPECT_GE(run.stopLatency, 4000ms) << "the movers get their time to stop first";
 }
 
+// A FIFO that nobody writes keeps the program in the device's open, before any mover runs.
+TEST_F(RecorderSchemes, DeviceWithoutWriterStillEndsOnSigterm) {
+    ASSERT_EQ(mkfifo(device.c_str(), 0600), 0);
+    makeControl(0, 0);
+
+    RunSpec spec;
+    spec.args = args("int32", device, 4096);
+    spec.stopSignal = SIGTERM;
+    std::chrono::steady_clock::time_point ready{};
+    spec.stopWhen = [&](pid_t pid) {
+        if (ready == std::chrono::steady_clock::time_point{}) {
+            if (!catchesSignal(pid, SIGTERM)) {
+                return false;
+            }
+            ready = std::chrono::steady_clock::now();
+        }
+        return std::chrono::steady_clock::now() - ready >= 300ms;
+    };
+    const RunResult run = runQuarvel(spec);
+    ASSERT_EQ(run.termSignal, 0) << "killed by the signal instead of stopping";
+    EXPECT_EQ(run.exitCode, 1);
+    EXPECT_EQ(withoutLogLines(run.err), "quarvel: a data mover did not stop (the recorder device "
+                                        "delivers nothing); leaving without it\n");
+    EXPECT_LT(run.stopLatency, 8000ms);
+}
+
 } // namespace
 } // namespace quarvel::test
