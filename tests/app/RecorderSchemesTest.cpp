@@ -451,6 +451,9 @@ TEST_F(RecorderSchemes, SilentDeviceStillEndsOnSigterm) {
 
 // A FIFO that nobody writes keeps the program in the device's open, before any mover runs.
 TEST_F(RecorderSchemes, DeviceWithoutWriterStillEndsOnSigterm) {
+#ifdef QUARVEL_SANITIZED_THREAD
+    GTEST_SKIP() << "ThreadSanitizer delivers no signal to a thread blocked inside open()";
+#endif
     ASSERT_EQ(mkfifo(device.c_str(), 0600), 0);
     makeControl(0, 0);
 
