@@ -173,10 +173,10 @@ TEST(Cli, LogLevelOptionShowsTheTrace) {
 // A full disk in the middle of a recording: the file size limit makes HDF5's writes fail.
 TEST(Cli, WriteFailureMidwayIsReportedWithTheMoverTexts) {
     TempDir dir;
-    RunSpec spec;
-    spec.args = mockArgs(dir.file("rec.h5"), 256u << 20);
-    spec.fileSizeLimit = 64 * 1024;
-    const RunResult run = runQuarvel(spec);
+    RunSpec launch;
+    launch.args = mockArgs(dir.file("rec.h5"), 256u << 20);
+    launch.fileSizeLimit = 64 * 1024;
+    const RunResult run = runQuarvel(launch);
     EXPECT_EQ(run.exitCode, 2) << run.err;
     const std::string report = withoutLogLines(run.err);
     EXPECT_EQ(report.rfind("Transfer to file failed, error = ", 0), 0u) << report;
@@ -200,22 +200,12 @@ class StoppedRecording : public ::testing::TestWithParam<StopCase> {};
 TEST_P(StoppedRecording, EndsWithinASecondAndKeepsAReadableFile) {
     const StopCase stop = GetParam();
     TempDir dir;
-    RunSpec spec;
-    spec.args = mockArgs(dir.file("rec.h5"), 1u << 30);
-    spec.stopSignal = stop.signal;
-    std::chrono::steady_clock::time_point ready{};
+    RunSpec launch;
+    launch.args = mockArgs(dir.file("rec.h5"), 1u << 30);
     // Under an emulator /proc shows the emulator's handlers, so give the guest time instead.
     const auto settle = emulated() ? 1500ms : 0ms;
-    spec.stopWhen = [&](pid_t pid) {
-        if (ready == std::chrono::steady_clock::time_point{}) {
-            if (!catchesSignal(pid, stop.signal)) {
-                return false;
-            }
-            ready = std::chrono::steady_clock::now();
-        }
-        return std::chrono::steady_clock::now() - ready >= stop.delay + settle;
-    };
-    const RunResult run = runQuarvel(spec);
+    stopAfter(launch, stop.signal, stop.delay + settle);
+    const RunResult run = runQuarvel(launch);
     ASSERT_EQ(run.termSignal, 0) << "killed by the signal instead of stopping";
     EXPECT_EQ(run.exitCode, 1);
     EXPECT_EQ(withoutLogLines(run.err), "transfer abort requested by user (sigterm)\n");

@@ -6,6 +6,7 @@
 #include <csignal>
 #include <cstring>
 #include <functional>
+#include <memory>
 #include <sstream>
 #include <string>
 #include <thread>
@@ -68,14 +69,14 @@ inline bool catchesSignal(pid_t pid, int signal) {
     return false;
 }
 
-inline RunResult runQuarvel(const RunSpec& spec) {
+inline RunResult runQuarvel(const RunSpec& launch) {
     TempDir streams;
     const std::string outPath = streams.file("out");
     const std::string errPath = streams.file("err");
 
     std::vector<std::string> argv = launcher();
     argv.push_back(QUARVEL_BINARY);
-    argv.insert(argv.end(), spec.args.begin(), spec.args.end());
+    argv.insert(argv.end(), launch.args.begin(), launch.args.end());
     std::vector<char*> pointers;
     for (auto& arg : argv) {
         pointers.push_back(arg.data());
@@ -91,11 +92,11 @@ inline RunResult runQuarvel(const RunSpec& spec) {
             dup2(err, 2) < 0) {
             _exit(126);
         }
-        if (!spec.workDir.empty() && chdir(spec.workDir.c_str()) != 0) {
+        if (!launch.workDir.empty() && chdir(launch.workDir.c_str()) != 0) {
             _exit(126);
         }
-        if (spec.fileSizeLimit != RLIM_INFINITY) {
-            const rlimit limit{spec.fileSizeLimit, spec.fileSizeLimit};
+        if (launch.fileSizeLimit != RLIM_INFINITY) {
+            const rlimit limit{launch.fileSizeLimit, launch.fileSizeLimit};
             setrlimit(RLIMIT_FSIZE, &limit);
             signal(SIGXFSZ, SIG_IGN); // a write past the limit then fails with EFBIG
         }
@@ -122,8 +123,8 @@ inline RunResult runQuarvel(const RunSpec& spec) {
         if (std::chrono::steady_clock::now() > deadline) {
             kill(pid, SIGKILL); // a hang must fail the test, not the whole suite
         }
-        if (spec.stopSignal != 0 && !signalled && spec.stopWhen && spec.stopWhen(pid)) {
-            kill(pid, spec.stopSignal);
+        if (launch.stopSignal != 0 && !signalled && launch.stopWhen && launch.stopWhen(pid)) {
+            kill(pid, launch.stopSignal);
             signalled = true;
             signalTime = std::chrono::steady_clock::now();
         }
@@ -143,11 +144,26 @@ inline RunResult runQuarvel(const RunSpec& spec) {
     return result;
 }
 
+// Stops the run with `signal` once the program catches it and `delay` more has passed.
+inline void stopAfter(RunSpec& launch, int signal, std::chrono::milliseconds delay) {
+    launch.stopSignal = signal;
+    auto ready = std::make_shared<std::chrono::steady_clock::time_point>();
+    launch.stopWhen = [signal, delay, ready](pid_t pid) {
+        if (*ready == std::chrono::steady_clock::time_point{}) {
+            if (!catchesSignal(pid, signal)) {
+                return false;
+            }
+            *ready = std::chrono::steady_clock::now();
+        }
+        return std::chrono::steady_clock::now() - *ready >= delay;
+    };
+}
+
 inline RunResult runQuarvel(std::vector<std::string> args, const std::string& workDir = {}) {
-    RunSpec spec;
-    spec.args = std::move(args);
-    spec.workDir = workDir;
-    return runQuarvel(spec);
+    RunSpec launch;
+    launch.args = std::move(args);
+    launch.workDir = workDir;
+    return runQuarvel(launch);
 }
 
 // Standard error without the log lines, which carry a time stamp.

@@ -280,20 +280,10 @@ TEST_P(ShortDevice, KeepsPollingUntilSigtermAndKeepsWhatItRead) {
     writeFile(device, words);
     makeControl(0, 0);
 
-    RunSpec spec;
-    spec.args = args(conf, device, 8192, {"--log-level=info"});
-    spec.stopSignal = SIGTERM;
-    std::chrono::steady_clock::time_point ready{};
-    spec.stopWhen = [&](pid_t pid) {
-        if (ready == std::chrono::steady_clock::time_point{}) {
-            if (!catchesSignal(pid, SIGTERM)) {
-                return false;
-            }
-            ready = std::chrono::steady_clock::now();
-        }
-        return std::chrono::steady_clock::now() - ready >= 500ms;
-    };
-    const RunResult run = runQuarvel(spec);
+    RunSpec launch;
+    launch.args = args(conf, device, 8192, {"--log-level=info"});
+    stopAfter(launch, SIGTERM, 500ms);
+    const RunResult run = runQuarvel(launch);
     ASSERT_EQ(run.termSignal, 0) << "killed by the signal instead of stopping";
     EXPECT_EQ(run.exitCode, 1);
     EXPECT_EQ(withoutLogLines(run.err), "transfer abort requested by user (sigterm)\n");
@@ -424,20 +414,10 @@ TEST_F(RecorderSchemes, SilentDeviceStillEndsOnSigterm) {
     ASSERT_GE(silentWriter, 0);
     makeControl(0, 0);
 
-    RunSpec spec;
-    spec.args = args("int32", device, 4096);
-    spec.stopSignal = SIGTERM;
-    std::chrono::steady_clock::time_point ready{};
-    spec.stopWhen = [&](pid_t pid) {
-        if (ready == std::chrono::steady_clock::time_point{}) {
-            if (!catchesSignal(pid, SIGTERM)) {
-                return false;
-            }
-            ready = std::chrono::steady_clock::now();
-        }
-        return std::chrono::steady_clock::now() - ready >= 300ms;
-    };
-    const RunResult run = runQuarvel(spec);
+    RunSpec launch;
+    launch.args = args("int32", device, 4096);
+    stopAfter(launch, SIGTERM, 300ms);
+    const RunResult run = runQuarvel(launch);
     ::close(silentWriter);
     ASSERT_EQ(run.termSignal, 0) << "killed by the signal instead of stopping";
     EXPECT_EQ(run.exitCode, 1);
@@ -457,20 +437,10 @@ TEST_F(RecorderSchemes, DeviceWithoutWriterStillEndsOnSigterm) {
     ASSERT_EQ(mkfifo(device.c_str(), 0600), 0);
     makeControl(0, 0);
 
-    RunSpec spec;
-    spec.args = args("int32", device, 4096);
-    spec.stopSignal = SIGTERM;
-    std::chrono::steady_clock::time_point ready{};
-    spec.stopWhen = [&](pid_t pid) {
-        if (ready == std::chrono::steady_clock::time_point{}) {
-            if (!catchesSignal(pid, SIGTERM)) {
-                return false;
-            }
-            ready = std::chrono::steady_clock::now();
-        }
-        return std::chrono::steady_clock::now() - ready >= 300ms;
-    };
-    const RunResult run = runQuarvel(spec);
+    RunSpec launch;
+    launch.args = args("int32", device, 4096);
+    stopAfter(launch, SIGTERM, 300ms);
+    const RunResult run = runQuarvel(launch);
     ASSERT_EQ(run.termSignal, 0) << "killed by the signal instead of stopping";
     EXPECT_EQ(run.exitCode, 1);
     EXPECT_EQ(withoutLogLines(run.err), "quarvel: a data mover did not stop (the recorder device "
