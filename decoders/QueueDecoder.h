@@ -3,6 +3,7 @@
 #include "dataflow/AbstractDecoder.h"
 #include "platform/Logger.h"
 
+#include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <cstddef>
@@ -64,7 +65,9 @@ private:
     std::condition_variable mRoomMade;
     // Bumped by every write and close, so that a waiting reader can tell news from a timeout.
     uint64_t mGeneration = 0;
-    unsigned mOpenCount = 0;
+    // Atomic, so that open() never queues behind a writer that keeps taking the mutex: the
+    // queue is unbounded until the second open, which must therefore come at once.
+    std::atomic<unsigned> mOpenCount{0};
     bool mClosed = false;
     size_t mPeak = 0;
     const size_t mCapacity = kDefaultCapacity;
