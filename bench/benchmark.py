@@ -280,15 +280,18 @@ def fmt(value, digits=2):
     return "–" if value is None else f"{value:.{digits}f}"
 
 
+METRICS = [("time", "timed", "time_s"), ("process", "process", "process_s"),
+           ("cpu", "cpu", "cpu_s"), ("rss", "rss_mib", "peak_rss_mib"),
+           ("faults", "faults", "page_faults")]
+
+
 def summarise(samples, size):
-    s = {
-        "time": median(samples, "timed"),
-        "process": median(samples, "process"),
-        "cpu": median(samples, "cpu"),
-        "rss": median(samples, "rss_mib"),
-        "faults": median(samples, "faults"),
-        "runs": [x.timed for x in samples],
-    }
+    s = {"raw": {}}
+    for key, attr, _ in METRICS:
+        s[key] = median(samples, attr)
+        s["raw"][key] = [getattr(x, attr) for x in samples]
+    s["runs"] = s["raw"]["time"]
+    s["rss_max"] = max(s["raw"]["rss"])
     s["mbps"] = size / s["time"] / 1e6
     out_bytes = median(samples, "file_bytes") or median(samples, "compressed")
     s["compression"] = size / out_bytes if out_bytes else None
@@ -319,15 +322,15 @@ def print_report(args, machine, results, log_results, sizes, load):
          "sample checked.") + "\n")
 
     p("## Results\n")
-    p("| size | what | time s | process s | MB/s | CPU s | peak RSS MiB | page faults "
-      "| compression |")
-    p("|---|---|--:|--:|--:|--:|--:|--:|--:|")
+    p("| size | what | time s | process s | MB/s | CPU s | peak RSS MiB | max peak RSS MiB "
+      "| page faults | compression |")
+    p("|---|---|--:|--:|--:|--:|--:|--:|--:|--:|")
     for size in sizes:
         for key, label, _ in ITEMS:
             s = results[size][key]
             p(f"| {human_size(size)} | {label} | {fmt(s['time'], 3)} | {fmt(s['process'], 3)} "
               f"| {fmt(s['mbps'], 1)} | {fmt(s['cpu'], 2)} | {fmt(s['rss'], 1)} "
-              f"| {s['faults']:.0f} | {fmt(s['compression'], 2)} |")
+              f"| {fmt(s['rss_max'], 1)} | {s['faults']:.0f} | {fmt(s['compression'], 2)} |")
     p("")
 
     p("## Ratios\n")
@@ -367,17 +370,20 @@ def print_report(args, machine, results, log_results, sizes, load):
 
     big = max(sizes)
     p("## Targets (read from the table)\n")
-    p(f"- quarvel at least as fast as the h5py reference writer: "
+    p("- quarvel at least as fast as the h5py reference writer: "
       + ", ".join(f"{human_size(s)} {ratios[s]['quarvel/reference']:.2f}" for s in sizes)
       + (" — met" if all(ratios[s]["quarvel/reference"] >= 1.0 for s in sizes) else
          " — missed where below 1.00"))
-    p(f"- quarvel at least 90% of the single-thread zlib bound: "
+    p("- quarvel at least 90% of the single-thread zlib bound: "
       + ", ".join(f"{human_size(s)} {ratios[s]['quarvel/zlib']:.2f}" for s in sizes)
       + (" — met" if all(ratios[s]["quarvel/zlib"] >= 0.9 for s in sizes) else
          " — missed where below 0.90"))
     rss = results[big]["quarvel"]["rss"]
-    p(f"- peak RSS under 64 MiB for the {human_size(big)} recording: {rss:.1f} MiB"
-      + (" — met" if rss < 64 else " — missed"))
+    rss_max = results[big]["quarvel"]["rss_max"]
+    p(f"- peak RSS under 64 MiB for the {human_size(big)} recording: median {rss:.1f} MiB, "
+      f"largest {rss_max:.1f} MiB"
+      + (" — met" if rss_max < 64 else " — met by the median, missed by the largest" if rss < 64
+         else " — missed"))
     return ratios
 
 
@@ -388,22 +394,19 @@ def write_csv(path, machine, results, log_results, ratios, sizes):
         for size in sizes:
             for key, _, _ in ITEMS:
                 s = results[size][key]
-                for metric in ("time", "process", "mbps", "cpu", "rss", "faults",
-                               "compression"):
-                    runs = " ".join(f"{v:.6f}" for v in s["runs"]) if metric == "time" else ""
-                    value = s[metric]
-                    w.writerow([size, key, {"time": "time_s", "process": "process_s",
-                                            "mbps": "mb_per_s", "cpu": "cpu_s",
-                                            "rss": "peak_rss_mib", "faults": "page_faults",
-                                            "compression": "compression_ratio"}[metric],
-                                "" if value is None else f"{value:.6g}", runs])
+                for metric, _, column in METRICS:
+                    w.writerow([size, key, column, f"{s[metric]:.6g}",
+                                " ".join(f"{v:.6g}" for v in s["raw"][metric])])
+                w.writerow([size, key, "mb_per_s", f"{s['mbps']:.6g}", ""])
+                if s["compression"] is not None:
+                    w.writerow([size, key, "compression_ratio", f"{s['compression']:.6g}", ""])
             for name, value in ratios[size].items():
                 w.writerow([size, "ratio", name, f"{value:.6g}", ""])
         for size, (default, info) in log_results.items():
             for item, s in (("quarvel_log_default", default), ("quarvel_log_info", info)):
-                w.writerow([size, item, "time_s", f"{s['time']:.6g}",
-                            " ".join(f"{v:.6f}" for v in s["runs"])])
-                w.writerow([size, item, "cpu_s", f"{s['cpu']:.6g}", ""])
+                for metric in ("time", "cpu"):
+                    w.writerow([size, item, f"{metric}_s", f"{s[metric]:.6g}",
+                                " ".join(f"{v:.6g}" for v in s["raw"][metric])])
         w.writerow(["", "machine", "description",
                     f"{machine['cpu']}; {machine['cores']} cores; {machine['date']}", ""])
 
