@@ -34,6 +34,23 @@ const char* detailOf(const H5::Exception& error) {
     return detail != nullptr ? detail : "";
 }
 
+// A fixed-size cache: HDF5's default one grows with the file (see the header).
+bool limitMetadataCache(hid_t file, size_t bytes) {
+    H5AC_cache_config_t config;
+    config.version = H5AC__CURR_CACHE_CONFIG_VERSION;
+    if (H5Fget_mdc_config(file, &config) < 0) {
+        return false;
+    }
+    config.set_initial_size = true;
+    config.initial_size = bytes;
+    config.min_size = bytes;
+    config.max_size = bytes;
+    config.incr_mode = H5C_incr__off;
+    config.flash_incr_mode = H5C_flash_incr__off;
+    config.decr_mode = H5C_decr__off;
+    return H5Fset_mdc_config(file, &config) >= 0;
+}
+
 } // namespace
 
 // HDF5 1.10 frees a file whose close failed while flushing but keeps its identifier, so any
@@ -51,14 +68,23 @@ void SinkHDF5::abandonFailedFile() {
     }
 }
 
+size_t SinkHDF5::metadataCacheLimit() const {
+    H5AC_cache_config_t config;
+    config.version = H5AC__CURR_CACHE_CONFIG_VERSION;
+    if (!mOpen || H5Fget_mdc_config(mFile->getId(), &config) < 0) {
+        return 0;
+    }
+    return config.max_size;
+}
+
 bool SinkHDF5::hasAbandonedFiles() {
     return gFileAbandoned.load();
 }
 
-SinkHDF5::SinkHDF5(const std::string& fileName)
+SinkHDF5::SinkHDF5(const std::string& fileName, size_t metadataCacheBytes)
     : morvik::pellum::log::Logger("SinkHDF5", std::string(),
                                   std::make_shared<morvik::pellum::log::LoggerImpl>()),
-      mFileName(fileName) {
+      mFileName(fileName), mMetadataCacheBytes(metadataCacheBytes) {
     silenceHdf5ErrorPrinting();
 }
 
@@ -110,6 +136,10 @@ void SinkHDF5::openFileAndDataSet() {
     // holds no dataset) and leaves this sink's members as they were.
     auto file = std::make_unique<H5::H5File>(
         mFileName, H5F_ACC_TRUNC, H5::FileCreatPropList::DEFAULT, H5::FileAccPropList::DEFAULT);
+    if (!limitMetadataCache(file->getId(), mMetadataCacheBytes)) {
+        pellumDoLog(Severity::Warning,
+                    "could not limit HDF5's metadata cache; memory grows with the file", {});
+    }
 
     const hsize_t dims[1] = {mTotalSize / mElementSize};
     const hsize_t chunkDims[1] = {getChunkSize()};

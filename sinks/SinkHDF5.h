@@ -3,6 +3,7 @@
 #include "dataflow/AbstractDataSink.h"
 #include "platform/Logger.h"
 
+#include <cstddef>
 #include <cstdint>
 #include <memory>
 #include <string>
@@ -26,7 +27,14 @@ namespace quarvel {
 // HDF5 failures leave as H5::Exception, which is not a std::exception.
 class SinkHDF5 : public AbstractDataSink, public virtual morvik::pellum::log::Logger {
 public:
-    explicit SinkHDF5(const std::string& fileName);
+    // HDF5 keeps every chunk-index node it has touched in its metadata cache, which by default
+    // grows to 32 MiB of their on-disk size; in memory a node takes about ten times that, some
+    // 20 MiB per recorded GiB. Appends only touch the newest nodes, so a small fixed cache
+    // costs no speed. It is a setting of the open file; the file written is the same.
+    static constexpr size_t kDefaultMetadataCacheBytes = 256 * 1024;
+
+    explicit SinkHDF5(const std::string& fileName,
+                      size_t metadataCacheBytes = kDefaultMetadataCacheBytes);
     virtual ~SinkHDF5();
 
     SinkHDF5(const SinkHDF5&) = delete;
@@ -45,6 +53,9 @@ public:
     // Values written so far, where the next write starts.
     uint32_t writeOffset() const { return mWriteOffset; }
 
+    // The metadata cache size HDF5 keeps to for the open file; 0 when closed.
+    size_t metadataCacheLimit() const;
+
     // True once a file failed to close; HDF5 then crashes in its exit handlers, so the process
     // must end without running them.
     static bool hasAbandonedFiles();
@@ -54,6 +65,7 @@ private:
     void openFileAndDataSet();
 
     std::string mFileName;
+    size_t mMetadataCacheBytes;
     std::unique_ptr<H5::H5File> mFile;
     std::unique_ptr<H5::DataSpace> mDataSpace;
     std::unique_ptr<H5::DataSet> mDataSet;
