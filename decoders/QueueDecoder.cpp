@@ -16,7 +16,8 @@ QueueDecoder::QueueDecoder(size_t capacitySamples, size_t samplesPerWord)
 }
 
 void QueueDecoder::open(uint32_t /*totalSize*/) {
-    // A writer never waits before the second open, so no waiter needs waking here.
+    // A writer waiting for the reader's open wakes by its own timeout; no notification, so that
+    // open() never queues for the mutex behind it.
     mOpenCount.fetch_add(1);
 }
 
@@ -41,11 +42,24 @@ size_t QueueDecoder::peakBufferedSamples() const {
 }
 
 bool QueueDecoder::writerMayAppend(size_t samples) const {
-    if (samples == 0 || mClosed || mOpenCount < 2 || mBuffer.empty()) {
+    if (samples == 0 || mClosed || mBuffer.empty()) {
         return true;
     }
     const size_t size = mBuffer.size();
     return size < mCapacity && samples <= mCapacity - size;
+}
+
+void QueueDecoder::waitForRoom(std::unique_lock<std::mutex>& lock, size_t samples) {
+    while (!writerMayAppend(samples)) {
+        if (mOpenCount.load() >= 2) {
+            mRoomMade.wait(lock);
+        } else if (mRoomMade.wait_for(lock, kLoneWriterWait) == std::cv_status::timeout &&
+                   mOpenCount.load() < 2) {
+            // Still no reader: its mover may have failed to start, and the run is then
+            // releasing ours, which can only see its stop request once this write returns.
+            return;
+        }
+    }
 }
 
 uint32_t QueueDecoder::write(const uint8_t* buffer, uint32_t len) {
@@ -57,7 +71,7 @@ uint32_t QueueDecoder::write(const uint8_t* buffer, uint32_t len) {
     size_t count = 0;
     {
         std::unique_lock<std::mutex> lock(mMutex);
-        mRoomMade.wait(lock, [&] { return writerMayAppend(samples); });
+        waitForRoom(lock, samples);
         decode(buffer, len, mBuffer);
         ++mGeneration;
         count = mBuffer.size();

@@ -21,16 +21,18 @@ namespace quarvel {
 // blocks the writer until reads have made room; its samples are then appended all at once,
 // so a reader sees none or all of one call. A single call larger than the whole capacity is
 // let in when the queue is empty, so it cannot deadlock; the queue then briefly holds more.
-// The writer never blocks before both sides have opened the decoder (a reader whose mover
-// failed to start would never make room) nor after either side has closed it (the reader is
-// gone, or nothing more comes). read never blocks; waitForMaybeData waits for a write, a
-// close or kWaitTimeout, whichever comes first.
+// Before both sides have opened the decoder, a writer waits at most kLoneWriterWait per call
+// and then appends anyway: a reader whose mover failed to start would never make room. After
+// either side has closed it, the writer no longer waits (the reader is gone, or nothing more
+// comes). read never blocks; waitForMaybeData waits for a write, a close or kWaitTimeout,
+// whichever comes first.
 class QueueDecoder : public AbstractDecoder, public virtual morvik::pellum::log::Logger {
 public:
     static constexpr const char* kLoggerName = "DecoderInt32LEToCutInt16LE";
     // 16 MiB of int32 samples: what the queue may take of the board's memory.
     static constexpr size_t kDefaultCapacity = 4 * 1024 * 1024;
     static constexpr std::chrono::milliseconds kWaitTimeout{20};
+    static constexpr std::chrono::milliseconds kLoneWriterWait{50};
 
     QueueDecoder(const QueueDecoder&) = delete;
     QueueDecoder& operator=(const QueueDecoder&) = delete;
@@ -58,6 +60,7 @@ protected:
 
 private:
     bool writerMayAppend(size_t samples) const;
+    void waitForRoom(std::unique_lock<std::mutex>& lock, size_t samples);
 
     std::deque<int32_t> mBuffer;
     mutable std::mutex mMutex;
@@ -65,8 +68,7 @@ private:
     std::condition_variable mRoomMade;
     // Bumped by every write and close, so that a waiting reader can tell news from a timeout.
     uint64_t mGeneration = 0;
-    // Atomic, so that open() never queues behind a writer that keeps taking the mutex: the
-    // queue is unbounded until the second open, which must therefore come at once.
+    // Atomic, so that open() never queues for the mutex behind a writer.
     std::atomic<unsigned> mOpenCount{0};
     bool mClosed = false;
     size_t mPeak = 0;

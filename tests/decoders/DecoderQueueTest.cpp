@@ -300,19 +300,39 @@ TEST_P(BothDecoders, CallLargerThanTheCapacityGoesInWhenTheQueueIsEmpty) {
 }
 
 // Guards against a hang at abort: when the mover behind a decoder fails to start, nothing
-// ever reads, and the mover in front must still be able to finish its write.
-TEST_P(BothDecoders, WriterDoesNotWaitBeforeTheReaderHasOpened) {
+// ever reads, and the mover in front must still be able to finish each write, if late.
+TEST_P(BothDecoders, BeforeTheReaderHasOpenedAFullQueueHoldsAWriterOnlyBriefly) {
     const size_t perWord = kind().samplesPerWord;
     auto decoder = kind().make(2 * perWord);
     decoder->open(0);
+    const auto start = Clock::now();
     auto pending = std::async(std::launch::async, [this, decoder, perWord] {
-        for (size_t i = 0; i < 8; ++i) {
+        for (size_t i = 0; i < 4; ++i) {
             writeSamples(*decoder, i * 2 * perWord, 2 * perWord);
         }
         return uint32_t{0};
     });
     ASSERT_TRUE(finishes(pending, *decoder));
-    EXPECT_EQ(decoder->bufferedSamples(), 16 * perWord);
+    EXPECT_GE(Clock::now() - start, 3 * QueueDecoder::kLoneWriterWait);
+    EXPECT_EQ(decoder->bufferedSamples(), 8 * perWord);
+}
+
+// The queue is bounded from the first write on: a writer that is waiting when the reader
+// opens goes on waiting for room instead of appending at its timeout.
+TEST_P(BothDecoders, WriterWaitingWhenTheReaderOpensWaitsForRoom) {
+    const size_t perWord = kind().samplesPerWord;
+    auto decoder = kind().make(2 * perWord);
+    decoder->open(0);
+    writeSamples(*decoder, 0, 2 * perWord);
+    auto pending = writeAsync(decoder, 2 * perWord, 2 * perWord);
+    decoder->open(0);
+    EXPECT_EQ(pending.wait_for(3 * QueueDecoder::kLoneWriterWait), std::future_status::timeout);
+    EXPECT_EQ(decoder->bufferedSamples(), 2 * perWord);
+
+    EXPECT_EQ(readSamples(*decoder, 2 * perWord), makeSamples(kind(), 0, 2 * perWord));
+    ASSERT_TRUE(finishes(pending, *decoder));
+    EXPECT_EQ(readSamples(*decoder, 100), makeSamples(kind(), 2 * perWord, 2 * perWord));
+    EXPECT_EQ(decoder->peakBufferedSamples(), 2 * perWord);
 }
 
 TEST_P(BothDecoders, IdleWaitForMaybeDataReturnsWithinItsBound) {
