@@ -31,6 +31,7 @@ REPO = os.path.dirname(HERE)
 # Items in table order: key, label, what the "time" column holds.
 ITEMS = [
     ("quarvel", "quarvel --conf=mock (end to end)", "process"),
+    ("pipeline", "quarvel's pipeline alone: first mover started to file closed", "inner"),
     ("reference", "h5py + numpy reference writer", "inner"),
     ("zlib", "zlib level 6 bound, 16 KiB chunks, one core", "inner"),
     ("source_decoder", "stage: MockRecorder -> DecoderTavoADC -> reader", "inner"),
@@ -100,7 +101,7 @@ class Sample:
     """One run of one item."""
 
     def __init__(self, process, cpu, rss_kib, faults, timed=None, file_bytes=None,
-                 compressed=None):
+                 compressed=None, poll_wait=None):
         self.process = process
         self.timed = process if timed is None else timed
         self.cpu = cpu
@@ -108,6 +109,7 @@ class Sample:
         self.faults = faults
         self.file_bytes = file_bytes
         self.compressed = compressed
+        self.poll_wait = poll_wait
 
 
 TIME = "/usr/bin/time"
@@ -143,6 +145,23 @@ def run_child(cmd, workdir, stderr_to_null=False):
     return sample, stdout
 
 
+LOG_TIME = r"^(\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d\.\d+)Z \w+ \[[^\]]*\] "
+
+
+def pipeline_times(log_text, cmd):
+    """(seconds from the first mover's start to the file's close, seconds from there until
+    the transfer run noticed the end), from the timestamps of quarvel's info log."""
+    marks = {}
+    for key, text in (("start", "starting data mover "), ("closed", "HDF5 sink closed"),
+                      ("noticed", "All data movers finished their job")):
+        match = re.search(LOG_TIME + re.escape(text), log_text, re.M)
+        if not match:
+            raise BenchError(f"{' '.join(cmd)}: no log line '{text}'")
+        marks[key] = datetime.datetime.fromisoformat(match.group(1))
+    return ((marks["closed"] - marks["start"]).total_seconds(),
+            (marks["noticed"] - marks["closed"]).total_seconds())
+
+
 def reported(stdout, key, cmd):
     match = re.search(rf"\b{key}=([0-9.]+)", stdout)
     if not match:
@@ -169,15 +188,23 @@ class Bench:
         os.remove(self.h5)
         return sample
 
-    def quarvel_run(self, size, verify=False, log_level=None):
+    def quarvel_run(self, size, verify=False, log_level=None, keep_log=False):
         cmd = [self.quarvel, "--conf=mock", "--rec-dev=/dev/null", f"--data-bytes={size}",
                f"--file={self.h5}"]
         if log_level:
             cmd.append(f"--log-level={log_level}")
-        sample, stdout = run_child(cmd, self.workdir, stderr_to_null=bool(log_level))
+        sample, stdout = run_child(cmd, self.workdir,
+                                   stderr_to_null=bool(log_level) and not keep_log)
         if "Transfer successful" not in stdout:
             raise BenchError(f"{' '.join(cmd)} did not report success: {stdout[-500:]}")
+        if keep_log:
+            with open(os.path.join(self.workdir, "child.err"), errors="replace") as f:
+                sample.timed, sample.poll_wait = pipeline_times(f.read(), cmd)
         return self.take_file(sample, size, verify)
+
+    def pipeline_run(self, size, verify=False):
+        """quarvel at info level, its pipeline timed from its own log's timestamps."""
+        return self.quarvel_run(size, log_level="info", keep_log=True)
 
     def reference_run(self, size, verify=False):
         cmd = [self.python, os.path.join(HERE, "reference_writer.py"), self.h5, str(size)]
@@ -291,6 +318,7 @@ def summarise(samples, size):
         s[key] = median(samples, attr)
         s["raw"][key] = [getattr(x, attr) for x in samples]
     s["runs"] = s["raw"]["time"]
+    s["poll_wait"] = median(samples, "poll_wait")
     s["rss_max"] = max(s["raw"]["rss"])
     s["mbps"] = size / s["time"] / 1e6
     out_bytes = median(samples, "file_bytes") or median(samples, "compressed")
@@ -315,7 +343,9 @@ def print_report(args, machine, results, log_results, sizes, load):
     p(f"Each figure is the median of {args.runs} run(s). MB = 10^6 bytes of recording (the "
       f"recorder's bytes). *time*: for quarvel the whole process, start to exit; for the others "
       f"only the work itself, as the program times it (no interpreter start or imports), which "
-      f"favours them. *process*: every program from spawn to exit. CPU, peak RSS (maximum "
+      f"favours them; for quarvel's pipeline, a run at --log-level=info timed by its own log "
+      f"from the first mover's start to the file's close, without the process start and the "
+      f"wait for the transfer run's 250 ms poll to notice the end. *process*: every program from spawn to exit. CPU, peak RSS (maximum "
       f"resident set size) and minor page faults come from the kernel (GNU time). Compression = "
       f"recorded bytes / file size (zlib: / compressed bytes)."
       + ("" if args.no_verify else " Each file of the first run was read back and every "
@@ -335,9 +365,9 @@ def print_report(args, machine, results, log_results, sizes, load):
 
     p("## Ratios\n")
     p("| size | quarvel / reference (MB/s) | same, both whole processes | quarvel / zlib bound "
-      "(MB/s) | sink stage / zlib bound | quarvel peak RSS MiB per recorded GiB "
-      "| slowest stage |")
-    p("|---|--:|--:|--:|--:|--:|---|")
+      "(MB/s) | pipeline / zlib bound | sink stage / zlib bound | wait for the poll s "
+      "| quarvel peak RSS MiB per recorded GiB | slowest stage |")
+    p("|---|--:|--:|--:|--:|--:|--:|--:|---|")
     ratios = {}
     for size in sizes:
         r = results[size]
@@ -346,13 +376,15 @@ def print_report(args, machine, results, log_results, sizes, load):
             "quarvel/reference": r["quarvel"]["mbps"] / r["reference"]["mbps"],
             "quarvel/reference_process": r["reference"]["process"] / r["quarvel"]["process"],
             "quarvel/zlib": r["quarvel"]["mbps"] / r["zlib"]["mbps"],
+            "pipeline/zlib": r["pipeline"]["mbps"] / r["zlib"]["mbps"],
             "sink/zlib": r["sink"]["mbps"] / r["zlib"]["mbps"],
             "rss_per_gib": r["quarvel"]["rss"] / (size / GiB),
         }
         q = ratios[size]
         p(f"| {human_size(size)} | {q['quarvel/reference']:.2f} "
           f"| {q['quarvel/reference_process']:.2f} | {q['quarvel/zlib']:.2f} "
-          f"| {q['sink/zlib']:.2f} | {q['rss_per_gib']:.1f} | {LABELS[slowest]} "
+          f"| {q['pipeline/zlib']:.2f} | {q['sink/zlib']:.2f} "
+          f"| {fmt(r['pipeline']['poll_wait'], 3)} | {q['rss_per_gib']:.1f} | {LABELS[slowest]} "
           f"({r[slowest]['mbps']:.0f} MB/s) |")
     p("")
 
@@ -370,21 +402,31 @@ def print_report(args, machine, results, log_results, sizes, load):
 
     big = max(sizes)
     p("## Targets (read from the table)\n")
-    p("- quarvel at least as fast as the h5py reference writer: "
+    p("- quarvel at least as fast as the h5py reference writer, both whole processes as a user "
+      "runs them: "
+      + ", ".join(f"{human_size(s)} {ratios[s]['quarvel/reference_process']:.2f}" for s in sizes)
+      + verdict(ratios[s]["quarvel/reference_process"] >= 1.0 for s in sizes)
+      + "; against the writer's inner loop alone: "
       + ", ".join(f"{human_size(s)} {ratios[s]['quarvel/reference']:.2f}" for s in sizes)
-      + (" — met" if all(ratios[s]["quarvel/reference"] >= 1.0 for s in sizes) else
-         " — missed where below 1.00"))
-    p("- quarvel at least 90% of the single-thread zlib bound: "
+      + verdict(ratios[s]["quarvel/reference"] >= 1.0 for s in sizes))
+    p("- quarvel at least 90% of the single-thread zlib bound, end to end: "
       + ", ".join(f"{human_size(s)} {ratios[s]['quarvel/zlib']:.2f}" for s in sizes)
-      + (" — met" if all(ratios[s]["quarvel/zlib"] >= 0.9 for s in sizes) else
-         " — missed where below 0.90"))
+      + verdict(ratios[s]["quarvel/zlib"] >= 0.9 for s in sizes)
+      + "; its pipeline alone: "
+      + ", ".join(f"{human_size(s)} {ratios[s]['pipeline/zlib']:.2f}" for s in sizes)
+      + verdict(ratios[s]["pipeline/zlib"] >= 0.9 for s in sizes))
     rss = results[big]["quarvel"]["rss"]
     rss_max = results[big]["quarvel"]["rss_max"]
     p(f"- peak RSS under 64 MiB for the {human_size(big)} recording: median {rss:.1f} MiB, "
       f"largest {rss_max:.1f} MiB"
-      + (" — met" if rss_max < 64 else " — met by the median, missed by the largest" if rss < 64
-         else " — missed"))
+      + (" (met)" if rss_max < 64 else " (met by the median, missed by the largest)" if rss < 64
+         else " (missed)"))
     return ratios
+
+
+def verdict(passes):
+    passes = list(passes)
+    return " (met)" if all(passes) else " (missed where below)" if any(passes) else " (missed)"
 
 
 def write_csv(path, machine, results, log_results, ratios, sizes):
@@ -398,6 +440,8 @@ def write_csv(path, machine, results, log_results, ratios, sizes):
                     w.writerow([size, key, column, f"{s[metric]:.6g}",
                                 " ".join(f"{v:.6g}" for v in s["raw"][metric])])
                 w.writerow([size, key, "mb_per_s", f"{s['mbps']:.6g}", ""])
+                if s["poll_wait"] is not None:
+                    w.writerow([size, key, "poll_wait_s", f"{s['poll_wait']:.6g}", ""])
                 if s["compression"] is not None:
                     w.writerow([size, key, "compression_ratio", f"{s['compression']:.6g}", ""])
             for name, value in ratios[size].items():
@@ -512,6 +556,7 @@ def main():
         }
         runners = {
             "quarvel": bench.quarvel_run,
+            "pipeline": bench.pipeline_run,
             "reference": bench.reference_run,
             "zlib": bench.zlib_run,
             "source_decoder": bench.source_decoder_run,
