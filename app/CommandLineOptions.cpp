@@ -11,6 +11,19 @@ namespace quarvel {
 namespace po = boost::program_options;
 using morvik::pellum::log::Severity;
 
+namespace {
+
+// Copies an option's value into field when it was given.
+template <typename T> bool take(const po::variables_map& values, const char* name, T& field) {
+    if (values.count(name) == 0) {
+        return false;
+    }
+    field = values[name].as<T>();
+    return true;
+}
+
+} // namespace
+
 CommandLineOptions::CommandLineOptions(const std::vector<std::string>& args)
     : morvik::pellum::log::Logger("CommandLineOptions", std::string(),
                                   std::make_shared<morvik::pellum::log::LoggerImpl>()),
@@ -45,35 +58,24 @@ void CommandLineOptions::parse(const std::vector<std::string>& args) {
               values);
     po::notify(values);
 
-    if (values.count("file") == 0) {
+    // The required ones are reported in this order, each on its own line.
+    const auto missing = [this](const char* message) {
         mError = true;
-        std::cerr << "no file argument provided but required" << '\n';
-    } else {
-        mFile = values["file"].as<std::string>();
+        std::cerr << message << '\n';
+    };
+    if (!take(values, "file", mFile)) {
+        missing("no file argument provided but required");
     }
-    if (values.count("src-addr") != 0) {
-        mSrcAddr = values["src-addr"].as<uint32_t>();
+    take(values, "src-addr", mSrcAddr);
+    take(values, "data-rate", mDataRate);
+    if (!take(values, "data-bytes", mDataBytes)) {
+        missing("no data-bytes argument provided but required");
     }
-    if (values.count("data-rate") != 0) {
-        mDataRate = values["data-rate"].as<uint8_t>();
+    if (!take(values, "conf", mConf)) {
+        missing("no configuration name provided, but required");
     }
-    if (values.count("data-bytes") != 0) {
-        mDataBytes = values["data-bytes"].as<uint32_t>();
-    } else {
-        mError = true;
-        std::cerr << "no data-bytes argument provided but required" << '\n';
-    }
-    if (values.count("conf") == 0) {
-        mError = true;
-        std::cerr << "no configuration name provided, but required" << '\n';
-    } else {
-        mConf = values["conf"].as<std::string>();
-    }
-    if (values.count("rec-dev") != 0) {
-        mRecDev = values["rec-dev"].as<std::string>();
-    } else {
-        mError = true;
-        std::cerr << "no recorder device provided" << '\n';
+    if (!take(values, "rec-dev", mRecDev)) {
+        missing("no recorder device provided");
     }
 }
 
