@@ -2,183 +2,130 @@
 
 #include "tests/support/TestSupport.h"
 
+#include <H5Cpp.h>
+
 #include <chrono>
 #include <csignal>
-#include <cstring>
-#include <functional>
-#include <memory>
+#include <iterator>
+#include <regex>
 #include <sstream>
-#include <string>
 #include <thread>
 #include <vector>
 
 #include <sys/resource.h>
 #include <sys/wait.h>
-#include <unistd.h>
 
 namespace quarvel::test {
 
-// Runs the built quarvel binary as a user would, optionally through the emulator that runs
-// the test suite (cross builds), and captures its exit status and both streams.
-struct RunResult {
-    int exitCode = -1;  // -1 when the process ended on a signal
-    int termSignal = 0; // the signal that ended it, if any
-    std::string out;
-    std::string err;
-    std::chrono::milliseconds stopLatency{0}; // from the stop signal to the process's end
-};
+using namespace std::chrono_literals;
+
+// Cross builds run the program through the emulator that runs the tests.
+constexpr bool kEmulated = sizeof(QUARVEL_LAUNCHER) > 1;
+#ifdef QUARVEL_SANITIZED
+constexpr bool kSanitized = true; // sanitized programs stop more slowly
+#else
+constexpr bool kSanitized = false;
+#endif
 
 struct RunSpec {
     std::vector<std::string> args;
-    std::string workDir;
-    int stopSignal = 0;                   // sent once `stopWhen` says so
-    std::function<bool(pid_t)> stopWhen;  // polled every millisecond
-    rlim_t fileSizeLimit = RLIM_INFINITY; // to simulate a full disk
+    int stopSignal = 0; // sent stopDelay after the program has created its output file
+    std::chrono::milliseconds stopDelay{0};
+    rlim_t fileSizeLimit = RLIM_INFINITY; // a full disk
 };
 
-inline std::vector<std::string> launcher() {
-    std::vector<std::string> words;
-    std::istringstream in(QUARVEL_LAUNCHER);
-    for (std::string word; in >> word;) {
-        words.push_back(word);
-    }
-    return words;
-}
-
-inline bool emulated() {
-    return !launcher().empty();
-}
-
-inline bool sanitized() {
-#ifdef QUARVEL_SANITIZED
-    return true;
-#else
-    return false;
-#endif
-}
-
-// True once the process has installed its handler for `signal` (so it is no longer fatal).
-inline bool catchesSignal(pid_t pid, int signal) {
-    std::istringstream status(readFile("/proc/" + std::to_string(pid) + "/status"));
-    for (std::string line; std::getline(status, line);) {
-        if (line.rfind("SigCgt:", 0) == 0) {
-            const unsigned long long mask = std::stoull(line.substr(7), nullptr, 16);
-            return (mask >> (signal - 1)) & 1u;
-        }
-    }
-    return false;
-}
+struct RunResult {
+    int exitCode = -1; // -1 when a signal ended the process
+    std::string out, err;
+    std::chrono::steady_clock::duration stopLatency{}; // from the stop signal to the end
+};
 
 inline RunResult runQuarvel(const RunSpec& launch) {
     TempDir streams;
-    const std::string outPath = streams.file("out");
-    const std::string errPath = streams.file("err");
-
-    std::vector<std::string> argv = launcher();
+    const std::string outPath = streams.file("out"), errPath = streams.file("err");
+    std::istringstream launcher(QUARVEL_LAUNCHER);
+    std::vector<std::string> argv{std::istream_iterator<std::string>(launcher), {}};
     argv.push_back(QUARVEL_BINARY);
     argv.insert(argv.end(), launch.args.begin(), launch.args.end());
+    std::string output; // the stop signal waits for it
     std::vector<char*> pointers;
     for (auto& arg : argv) {
         pointers.push_back(arg.data());
+        output = arg.rfind("--file=", 0) == 0 ? arg.substr(7) : output;
     }
     pointers.push_back(nullptr);
 
     const pid_t pid = fork();
     if (pid == 0) {
-        const int out = ::open(outPath.c_str(), O_CREAT | O_WRONLY | O_TRUNC, 0600);
-        const int err = ::open(errPath.c_str(), O_CREAT | O_WRONLY | O_TRUNC, 0600);
-        const int in = ::open("/dev/null", O_RDONLY);
-        if (out < 0 || err < 0 || in < 0 || dup2(in, 0) < 0 || dup2(out, 1) < 0 ||
-            dup2(err, 2) < 0) {
-            _exit(126);
-        }
-        if (!launch.workDir.empty() && chdir(launch.workDir.c_str()) != 0) {
-            _exit(126);
-        }
-        if (launch.fileSizeLimit != RLIM_INFINITY) {
-            const rlimit limit{launch.fileSizeLimit, launch.fileSizeLimit};
-            setrlimit(RLIMIT_FSIZE, &limit);
-            signal(SIGXFSZ, SIG_IGN); // a write past the limit then fails with EFBIG
-        }
-        // The test runner may have blocked or ignored signals; the program starts clean.
-        signal(SIGTERM, SIG_DFL);
-        signal(SIGINT, SIG_DFL);
-        sigset_t none;
+        const int out = ::open(outPath.c_str(), O_CREAT | O_WRONLY, 0600);
+        const int err = ::open(errPath.c_str(), O_CREAT | O_WRONLY, 0600);
+        const rlimit limit{launch.fileSizeLimit, launch.fileSizeLimit};
+        signal(SIGXFSZ, SIG_IGN); // a write past the limit fails with EFBIG instead
+        sigset_t none;            // the test runner may have blocked signals
         sigemptyset(&none);
-        sigprocmask(SIG_SETMASK, &none, nullptr);
-        execv(pointers[0], pointers.data());
+        if (dup2(out, 1) >= 0 && dup2(err, 2) >= 0 &&
+            (launch.fileSizeLimit == RLIM_INFINITY || setrlimit(RLIMIT_FSIZE, &limit) == 0) &&
+            sigprocmask(SIG_SETMASK, &none, nullptr) == 0) {
+            execv(pointers[0], pointers.data());
+        }
         _exit(127);
     }
 
-    RunResult result;
+    using Clock = std::chrono::steady_clock;
+    const Clock::time_point never{}, deadline = Clock::now() + 5min;
+    Clock::time_point created = never, signalled = never;
     int status = 0;
-    bool signalled = false;
-    auto signalTime = std::chrono::steady_clock::now();
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::minutes(5);
-    for (;;) {
-        const pid_t done = waitpid(pid, &status, WNOHANG);
-        if (done == pid) {
-            break;
+    while (waitpid(pid, &status, WNOHANG) != pid) {
+        const auto now = Clock::now();
+        if (now > deadline) {
+            kill(pid, SIGKILL); // a hang fails the test, not the whole suite
         }
-        if (std::chrono::steady_clock::now() > deadline) {
-            kill(pid, SIGKILL); // a hang must fail the test, not the whole suite
+        if (launch.stopSignal != 0 && created == never && access(output.c_str(), F_OK) == 0) {
+            created = now;
         }
-        if (launch.stopSignal != 0 && !signalled && launch.stopWhen && launch.stopWhen(pid)) {
+        if (created != never && signalled == never && now >= created + launch.stopDelay) {
             kill(pid, launch.stopSignal);
-            signalled = true;
-            signalTime = std::chrono::steady_clock::now();
+            signalled = now;
         }
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        std::this_thread::sleep_for(1ms);
     }
-    if (signalled) {
-        result.stopLatency = std::chrono::duration_cast<std::chrono::milliseconds>(
-            std::chrono::steady_clock::now() - signalTime);
-    }
-    if (WIFEXITED(status)) {
-        result.exitCode = WEXITSTATUS(status);
-    } else if (WIFSIGNALED(status)) {
-        result.termSignal = WTERMSIG(status);
-    }
-    result.out = readFile(outPath);
-    result.err = readFile(errPath);
-    return result;
+    const auto end = Clock::now();
+    return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, readFile(outPath), readFile(errPath),
+            signalled == never ? Clock::duration{} : end - signalled};
 }
 
-// Stops the run with `signal` once the program catches it and `delay` more has passed.
-inline void stopAfter(RunSpec& launch, int signal, std::chrono::milliseconds delay) {
-    launch.stopSignal = signal;
-    auto ready = std::make_shared<std::chrono::steady_clock::time_point>();
-    launch.stopWhen = [signal, delay, ready](pid_t pid) {
-        if (*ready == std::chrono::steady_clock::time_point{}) {
-            if (!catchesSignal(pid, signal)) {
-                return false;
-            }
-            *ready = std::chrono::steady_clock::now();
-        }
-        return std::chrono::steady_clock::now() - *ready >= delay;
-    };
-}
-
-inline RunResult runQuarvel(std::vector<std::string> args, const std::string& workDir = {}) {
-    RunSpec launch;
-    launch.args = std::move(args);
-    launch.workDir = workDir;
-    return runQuarvel(launch);
-}
-
-// Standard error without the log lines, which carry a time stamp.
+// Standard error without the log lines, which begin with a time stamp.
 inline std::string withoutLogLines(const std::string& text) {
-    std::istringstream in(text);
-    std::string kept;
-    for (std::string line; std::getline(in, line);) {
-        const bool logLine =
-            line.size() > 28 && line[4] == '-' && line[10] == 'T' && line.find("Z ") == 26;
-        if (!logLine) {
-            kept += line;
-            kept += '\n';
-        }
-    }
-    return kept;
+    return std::regex_replace(text, std::regex(R"(\d{4}-\d\d-\d\dT\S*Z [^\n]*\n)"), "");
+}
+
+// What an independent reader sees in a recording.
+struct Recording {
+    hsize_t length = 0;
+    hsize_t chunk = 0;
+    unsigned deflateLevel = 0;
+    bool bigEndianInt32 = false;
+    std::vector<int32_t> values; // the first ones, up to the limit asked for
+};
+
+inline Recording readRecording(const std::string& path, hsize_t limit = ~hsize_t{0}) {
+    H5::Exception::dontPrint();
+    Recording r;
+    const H5::DataSet dataset = H5::H5File(path, H5F_ACC_RDONLY).openDataSet("quarvel");
+    H5::DataSpace space = dataset.getSpace();
+    space.getSimpleExtentDims(&r.length);
+    r.bigEndianInt32 = dataset.getIntType() == H5::PredType::STD_I32BE;
+    const H5::DSetCreatPropList plist = dataset.getCreatePlist();
+    plist.getChunk(1, &r.chunk);
+    unsigned flags = 0, config = 0;
+    size_t count = 1;
+    plist.getFilterById(H5Z_FILTER_DEFLATE, flags, count, &r.deflateLevel, 0, nullptr, config);
+    hsize_t read = std::min(r.length, limit);
+    const hsize_t start = 0;
+    r.values.resize(read);
+    space.selectHyperslab(H5S_SELECT_SET, &read, &start);
+    dataset.read(r.values.data(), H5::PredType::NATIVE_INT32, H5::DataSpace(1, &read), space);
+    return r;
 }
 
 } // namespace quarvel::test
