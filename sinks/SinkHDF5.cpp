@@ -34,11 +34,15 @@ const char* detailOf(const H5::Exception& error) {
     return detail != nullptr ? detail : "";
 }
 
+bool getMetadataCacheConfig(hid_t file, H5AC_cache_config_t& config) {
+    config.version = H5AC__CURR_CACHE_CONFIG_VERSION;
+    return H5Fget_mdc_config(file, &config) >= 0;
+}
+
 // A fixed-size cache: HDF5's default one grows with the file (see the header).
 bool limitMetadataCache(hid_t file, size_t bytes) {
     H5AC_cache_config_t config;
-    config.version = H5AC__CURR_CACHE_CONFIG_VERSION;
-    if (H5Fget_mdc_config(file, &config) < 0) {
+    if (!getMetadataCacheConfig(file, config)) {
         return false;
     }
     config.set_initial_size = true;
@@ -70,11 +74,7 @@ void SinkHDF5::abandonFailedFile() {
 
 size_t SinkHDF5::metadataCacheLimit() const {
     H5AC_cache_config_t config;
-    config.version = H5AC__CURR_CACHE_CONFIG_VERSION;
-    if (!mOpen || H5Fget_mdc_config(mFile->getId(), &config) < 0) {
-        return 0;
-    }
-    return config.max_size;
+    return mOpen && getMetadataCacheConfig(mFile->getId(), config) ? config.max_size : 0;
 }
 
 bool SinkHDF5::hasAbandonedFiles() {
