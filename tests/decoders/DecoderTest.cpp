@@ -1,6 +1,7 @@
 #include "decoders/DecoderLumetraDds.h"
 #include "decoders/DecoderTavoADC.h"
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -14,12 +15,12 @@
 namespace quarvel::test {
 namespace {
 
-using Bytes = std::vector<uint8_t>;
+using namespace std::chrono_literals;
 using Samples = std::vector<int32_t>;
 using Clock = std::chrono::steady_clock;
 
-uint32_t writeBytes(QueueDecoder& decoder, const Bytes& bytes) {
-    return decoder.write(bytes.data(), static_cast<uint32_t>(bytes.size()));
+auto refused(const char* text) {
+    return testing::ThrowsMessage<std::runtime_error>(testing::StrEq(text));
 }
 
 Samples readSamples(QueueDecoder& decoder, size_t maxSamples) {
@@ -39,20 +40,18 @@ Samples samplesOf(size_t first, size_t count) {
     return samples;
 }
 
-// Encodes the samples as Tavo words, from the word format rather than from the decoder.
-uint32_t writeSamples(QueueDecoder& decoder, size_t first, size_t count) {
-    Bytes bytes;
+// As Tavo words with the low bits set: the shift must round negative samples down.
+void writeSamples(QueueDecoder& decoder, size_t first, size_t count) {
+    std::vector<uint8_t> bytes;
     for (const int32_t sample : samplesOf(first, count)) {
-        // Low bits set: the shift must round negative samples towards minus infinity.
         const auto raw = static_cast<uint16_t>(static_cast<uint32_t>(sample) << 2 | 3u);
         bytes.insert(bytes.end(), {uint8_t(raw >> 8), uint8_t(raw), 0xA5, 0x5A});
     }
-    return writeBytes(decoder, bytes);
+    decoder.write(bytes.data(), static_cast<uint32_t>(bytes.size()));
 }
 
-std::future<uint32_t> writeAsync(std::shared_ptr<QueueDecoder> decoder, size_t first,
-                                 size_t count) {
-    return std::async(std::launch::async, [=] { return writeSamples(*decoder, first, count); });
+std::future<void> writeAsync(std::shared_ptr<QueueDecoder> decoder, size_t first, size_t count) {
+    return std::async(std::launch::async, [=] { writeSamples(*decoder, first, count); });
 }
 
 // Opened by both movers, as in a running chain.
@@ -63,77 +62,44 @@ std::shared_ptr<QueueDecoder> makeRunning(size_t capacity) {
     return decoder;
 }
 
-bool blocked(std::future<uint32_t>& pending) {
-    return pending.wait_for(std::chrono::milliseconds(50)) == std::future_status::timeout;
+bool blocked(std::future<void>& pending) {
+    return pending.wait_for(50ms) == std::future_status::timeout;
 }
 
 // A hung write fails the test instead of hanging it: close and drain until it returns.
-bool finishes(std::future<uint32_t>& pending, QueueDecoder& decoder) {
-    if (pending.wait_for(std::chrono::seconds(2)) == std::future_status::ready) {
-        return true;
-    }
-    decoder.close();
+bool finishes(std::future<void>& pending, QueueDecoder& decoder) {
+    const bool inTime = pending.wait_for(2s) == std::future_status::ready;
     while (blocked(pending)) {
+        decoder.close();
         readSamples(decoder, 4096);
     }
-    return false;
+    return inTime;
 }
 
-TEST(Decoders, DecodeTheirWordFormatsAndSizeTheirOutput) {
-    const std::pair<Bytes, Samples> cases[] = {
-        {{0x01, 0x00, 0xAA, 0xBB, 0x80, 0x00, 0xCC, 0xDD}, {64, -8192}},
-        // The mock recorder's counter words 0, 1, 2, 255, 256, little-endian.
-        {{0, 0, 0, 0, 1, 0, 0, 0, 2, 0, 0, 0, 255, 0, 0, 0, 0, 1, 0, 0}, {0, 64, 128, -64, 0}},
-        {{0x7F, 0xFF, 0, 0, 0xFF, 0xFF, 0, 0, 0xFF, 0xFB, 0, 0}, {8191, -1, -2}},
-    };
-    for (const auto& [bytes, samples] : cases) { // Tavo: the top 14 bits of the first two bytes
-        DecoderTavoADC decoder;
-        EXPECT_EQ(writeBytes(decoder, bytes), bytes.size());
-        EXPECT_EQ(readSamples(decoder, 16), samples);
-    }
-    EXPECT_EQ(DecoderTavoADC().outputSizeFor(4096), 4096u);
-
-    // Lumetra: two little-endian signed 16-bit samples per word.
-    DecoderLumetraDds lumetra;
-    EXPECT_EQ(writeBytes(lumetra, {0x01, 0x00, 0xFF, 0xFF, 0x00, 0x80, 0xFE, 0x7F}), 8u);
-    EXPECT_EQ(readSamples(lumetra, 16), (Samples{1, -1, -32768, 32766}));
-    EXPECT_EQ(lumetra.outputSizeFor(4096), 8192u);
-    EXPECT_EQ(lumetra.outputSizeFor(0x7FFFFFFCu), 0xFFFFFFF8u);
-    try {
-        lumetra.outputSizeFor(0x80000004u);
-        ADD_FAILURE() << "no exception";
-    } catch (const std::runtime_error& e) {
-        EXPECT_STREQ(e.what(), "data-bytes too large for the Lumetra DDS decoder: 2147483652 "
-                               "bytes decode to more than 4294967295 bytes");
-    }
-}
-
-TEST(Decoders, ReadsHandOutWholeSamplesAndWaitingEndsWhileAnyAreBuffered) {
-    auto decoder = makeRunning(64);
+// Lumetra words are two little-endian int16 each; Tavo's are checked on the mock chain's output.
+TEST(Decoders, DecodeWholeWordsIntoWholeSamplesAndWaitOnlyWhileNoneAreBuffered) {
+    const uint8_t words[] = {0x01, 0x00, 0x00, 0x80, 0xFF, 0x7F, 0xFF, 0xFF};
+    DecoderLumetraDds decoder;
     auto start = Clock::now();
-    decoder->waitForMaybeData();
-    EXPECT_LT(Clock::now() - start, std::chrono::seconds(1)) << "an idle wait is bounded";
-    writeSamples(*decoder, 0, 3);
+    decoder.waitForMaybeData();
+    EXPECT_LT(Clock::now() - start, 1s) << "an idle wait is bounded";
+    EXPECT_THAT([&] { decoder.write(words, 6); },
+                refused("buffer_count not a multiple of four, not supported"));
+    EXPECT_EQ(decoder.write(words, sizeof words), sizeof words);
     start = Clock::now();
     for (int i = 0; i < 100; ++i) { // 100 full timeouts would take two seconds
-        decoder->waitForMaybeData();
+        decoder.waitForMaybeData();
     }
-    EXPECT_LT(Clock::now() - start, std::chrono::seconds(1));
+    EXPECT_LT(Clock::now() - start, 1s);
 
-    const uint8_t partial[6] = {};
-    try {
-        decoder->write(partial, sizeof partial);
-        ADD_FAILURE() << "no exception";
-    } catch (const std::runtime_error& e) {
-        EXPECT_STREQ(e.what(), "buffer_count not a multiple of four, not supported");
-    }
     int32_t out[2] = {0, 12345};
-    EXPECT_EQ(decoder->read(reinterpret_cast<uint8_t*>(out), 6), 4u);
-    EXPECT_EQ(Samples(out, out + 2), (Samples{samplesOf(0, 1)[0], 12345}));
-    EXPECT_EQ(decoder->read(reinterpret_cast<uint8_t*>(out), 8), 8u);
-    EXPECT_EQ(Samples(out, out + 2), samplesOf(1, 2));
-    EXPECT_EQ(decoder->read(reinterpret_cast<uint8_t*>(out), 8), 0u)
-        << "the partial write added nothing";
+    EXPECT_EQ(decoder.read(reinterpret_cast<uint8_t*>(out), 6), 4u);
+    EXPECT_EQ(Samples(out, out + 2), (Samples{1, 12345}));
+    EXPECT_EQ(readSamples(decoder, 16), (Samples{-32768, 32767, -1}));
+    EXPECT_EQ(decoder.outputSizeFor(0x7FFFFFFCu), 0xFFFFFFF8u);
+    EXPECT_THAT([&] { decoder.outputSizeFor(0x80000004u); },
+                refused("data-bytes too large for the Lumetra DDS decoder: 2147483652 bytes "
+                        "decode to more than 4294967295 bytes"));
 }
 
 TEST(Decoders, StreamsMillionsOfSamplesInOrderWithinASmallCapacity) {
@@ -150,7 +116,7 @@ TEST(Decoders, StreamsMillionsOfSamplesInOrderWithinASmallCapacity) {
         }
     });
     Samples received;
-    const auto deadline = Clock::now() + std::chrono::seconds(120);
+    const auto deadline = Clock::now() + 120s;
     while (received.size() < kTotal && Clock::now() < deadline) {
         const Samples got = readSamples(*decoder, 1 + received.size() % 4096);
         if (got.empty()) {
@@ -193,13 +159,10 @@ TEST(Decoders, BeforeTheReaderOpensAWriterWaitsBrieflyAndOnceItOpensForRoom) {
     auto decoder = std::make_shared<DecoderTavoADC>(2);
     decoder->open(0);
     const auto start = Clock::now();
-    auto lone = std::async(std::launch::async, [&] {
-        for (size_t i = 0; i < 4; ++i) {
-            writeSamples(*decoder, 2 * i, 2);
-        }
-        return uint32_t{0};
-    });
-    ASSERT_TRUE(finishes(lone, *decoder));
+    for (size_t i = 0; i < 4; ++i) {
+        auto lone = writeAsync(decoder, 2 * i, 2);
+        ASSERT_TRUE(finishes(lone, *decoder));
+    }
     EXPECT_GE(Clock::now() - start, 3 * QueueDecoder::kLoneWriterWait);
     EXPECT_EQ(readSamples(*decoder, 6), samplesOf(0, 6));
 
