@@ -31,11 +31,6 @@ void QueueDecoder::close() {
     mDataWritten.notify_all();
 }
 
-size_t QueueDecoder::bufferedSamples() const {
-    std::lock_guard<std::mutex> lock(mMutex);
-    return mBuffer.size();
-}
-
 size_t QueueDecoder::peakBufferedSamples() const {
     std::lock_guard<std::mutex> lock(mMutex);
     return mPeak;

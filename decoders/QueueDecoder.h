@@ -46,8 +46,6 @@ public:
     uint32_t optimalWriteSize() override { return 4; }
     uint32_t write(const uint8_t* buffer, uint32_t len) override;
 
-    size_t capacitySamples() const { return mCapacity; }
-    size_t bufferedSamples() const;
     // The largest number of samples the queue has held at once.
     size_t peakBufferedSamples() const;
 

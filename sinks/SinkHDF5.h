@@ -48,11 +48,6 @@ public:
     // Chunk length in values.
     uint32_t getChunkSize();
 
-    bool isOpen() const { return mOpen; }
-    bool isGrowing() const { return mGrowing; }
-    // Values written so far, where the next write starts.
-    uint32_t writeOffset() const { return mWriteOffset; }
-
     // The metadata cache size HDF5 keeps to for the open file; 0 when closed.
     size_t metadataCacheLimit() const;
 

@@ -46,9 +46,7 @@ public:
     uint32_t readFromSysfs(const std::string& entryName);
     void setToSysfs(const std::string& entryName, uint32_t value);
 
-    const std::string& devicePath() const { return mDevicePath; }
     const std::string& sysfsRoot() const { return mSysfsRoot; }
-    bool isOpen() const { return mFile != nullptr; }
 
 private:
     static constexpr uint32_t kRunning = 0x01;
