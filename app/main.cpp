@@ -4,17 +4,8 @@
 #include <cstdio>
 #include <cstdlib>
 
-#ifdef __GLIBC__
-#include <malloc.h>
-#endif
-
 int main(int argc, char** argv) {
-#ifdef __GLIBC__
-    // HDF5's deflate allocates and frees some 256 KiB of zlib state for every 16 KiB chunk.
-    // Under glibc's default trim threshold a mover thread hands those pages back to the kernel
-    // at each free and faults them in again for the next chunk: about 13% of a recording.
-    mallopt(M_TRIM_THRESHOLD, 4 << 20);
-#endif
+    quarvel::keepFreedMemoryForChunks();
     int exitCode = 0;
     {
         quarvel::QuarvelApp app(argc, argv);

@@ -234,21 +234,10 @@ private:
     uint32_t mOffset = 0;
 };
 
-// Frees one block above glibc's mmap threshold, which raises that threshold and the heap trim
-// threshold for the rest of the process. quarvel's process gets there on its own when the
-// decoder queue's block map outgrows 128 KiB; without it, every chunk's buffers of HDF5's
-// deflate filter shrink and regrow the heap, and the stage would time page faults (about 1.3
-// per KiB written) that quarvel does not pay. The page-fault column of bench/run shows both.
-void raiseMallocThresholdsAsQuarvelDoes() {
-    void* block = std::malloc(1024 * 1024);
-    asm volatile("" : : "r"(block) : "memory"); // keeps the pair from being optimised away
-    std::free(block);
-}
-
 // The sink behind a DataMover as in quarvel: opened on this thread, written and closed on the
 // mover's.
 int runSink(uint32_t bytes, const std::string& file) {
-    raiseMallocThresholdsAsQuarvelDoes();
+    quarvel::keepFreedMemoryForChunks(); // as quarvel's main does
     auto source = std::make_shared<DecodedSource>();
     auto sink = std::make_shared<quarvel::SinkHDF5>(file);
     quarvel::DataMover toFile(source, sink, "1");

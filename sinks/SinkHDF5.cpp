@@ -2,6 +2,10 @@
 
 #include <H5Cpp.h>
 
+#ifdef __GLIBC__
+#include <malloc.h>
+#endif
+
 #include <atomic>
 #include <exception>
 #include <stdexcept>
@@ -75,6 +79,12 @@ void SinkHDF5::abandonFailedFile() {
 size_t SinkHDF5::metadataCacheLimit() const {
     H5AC_cache_config_t config;
     return mOpen && getMetadataCacheConfig(mFile->getId(), config) ? config.max_size : 0;
+}
+
+void keepFreedMemoryForChunks() {
+#ifdef __GLIBC__
+    mallopt(M_TRIM_THRESHOLD, 4 << 20);
+#endif
 }
 
 bool SinkHDF5::hasAbandonedFiles() {

@@ -71,4 +71,9 @@ private:
     bool mOpen = false;
 };
 
+// HDF5's deflate allocates and frees some 256 KiB of zlib state for every 16 KiB chunk. Under
+// glibc's default trim threshold a thread hands those pages back to the kernel at each free and
+// faults them in again for the next chunk: about 13% of a recording. Call once, early in main.
+void keepFreedMemoryForChunks();
+
 } // namespace quarvel
