@@ -29,6 +29,12 @@ void installStopHandlers() {
     action.sa_flags = SA_RESTART;
     sigaction(SIGTERM, &action, nullptr);
     sigaction(SIGINT, &action, nullptr);
+    // A dropped terminal stops the recording as SIGTERM does, instead of killing it unclosed.
+    sigaction(SIGHUP, &action, nullptr);
+    // A closed standard output must not end a recording, and a file size limit must show as
+    // a failed write (EFBIG) that the sink reports, not as a process killed mid-file.
+    signal(SIGPIPE, SIG_IGN);
+    signal(SIGXFSZ, SIG_IGN);
 }
 
 constexpr const char* kLogLevelOption = "--log-level";

@@ -11,8 +11,8 @@ struct JobResult {
     int32_t exitCode = 0;
 };
 
-// Owns the process life cycle: consumes the framework's own options, records SIGTERM and
-// SIGINT, hands the remaining arguments to the hook and runs the job once from a main loop.
+// Owns the process life cycle: consumes the framework's own options, records SIGTERM, SIGINT
+// and SIGHUP, hands the remaining arguments to the hook and runs the job once from a main loop.
 class MorvikApplication {
 public:
     MorvikApplication(int& argc, char** argv, bool);
