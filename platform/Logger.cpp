@@ -13,6 +13,10 @@ namespace morvik::pellum::log {
 
 std::atomic<int> gThreshold{static_cast<int>(Severity::Error)};
 
+namespace {
+std::atomic<std::int64_t> gRepeatWindowMs{10000};
+} // namespace
+
 void setThreshold(int value) {
     gThreshold.store(value, std::memory_order_relaxed);
 }
@@ -35,6 +39,61 @@ const char* severityName(Severity severity) {
         return "DEBUG";
     }
     return "NOTICE";
+}
+
+void setRepeatWindow(std::chrono::milliseconds window) {
+    gRepeatWindowMs.store(window.count(), std::memory_order_relaxed);
+}
+
+std::chrono::milliseconds repeatWindow() {
+    return std::chrono::milliseconds(gRepeatWindowMs.load(std::memory_order_relaxed));
+}
+
+RepeatFilter& RepeatFilter::operator=(const RepeatFilter& other) {
+    if (this != &other) {
+        std::lock_guard<std::mutex> lock(mMutex);
+        for (Entry& entry : mEntries) {
+            entry.used = false;
+        }
+    }
+    return *this;
+}
+
+bool RepeatFilter::admit(Severity severity, std::string_view text, std::uint64_t& held,
+                         std::chrono::steady_clock::duration& span) {
+    const std::chrono::milliseconds window = repeatWindow();
+    std::lock_guard<std::mutex> lock(mMutex);
+    // Read under the lock so that the times an entry is shown never go backwards.
+    const auto now = std::chrono::steady_clock::now();
+    ++mTick;
+    Entry* stalest = &mEntries[0];
+    for (Entry& entry : mEntries) {
+        if (entry.used && entry.severity == severity && entry.text == text) {
+            entry.lastSeen = mTick;
+            if (now - entry.shown < window) {
+                ++entry.held;
+                return false;
+            }
+            held = entry.held;
+            span = now - entry.shown;
+            entry.held = 0;
+            entry.shown = now;
+            return true;
+        }
+        if (!entry.used || (stalest->used && entry.lastSeen < stalest->lastSeen)) {
+            stalest = &entry;
+        }
+    }
+    // A count still held by the entry given up is lost; the alternative is unbounded memory.
+    stalest->text.assign(text.data(), text.size());
+    stalest->severity = severity;
+    stalest->used = true;
+    stalest->held = 0;
+    stalest->lastSeen = mTick;
+    stalest->shown = now;
+    held = 0;
+    span = {};
+    return true;
 }
 
 bool parseThreshold(std::string_view text, int& value) {
@@ -82,10 +141,8 @@ std::string formatMessage(const std::string_view& format, va_list args) {
     return message;
 }
 
-// The formatted text, then what the context function adds, if anything.
-std::string composeMessage(const std::string_view& format,
-                           const std::function<std::string()>& context, va_list args) {
-    std::string message = formatMessage(format, args);
+// What the context function adds, if anything; only asked for messages that are shown.
+void appendContext(std::string& message, const std::function<std::string()>& context) {
     if (context) {
         const std::string extra = context();
         if (!extra.empty()) {
@@ -93,7 +150,25 @@ std::string composeMessage(const std::string_view& format,
             message += extra;
         }
     }
-    return message;
+}
+
+// Tells the reader that this message was dropped before, and how often.
+void appendHeldBack(std::string& message, std::uint64_t held,
+                    std::chrono::steady_clock::duration span) {
+    if (held == 0) {
+        return;
+    }
+    const double seconds = std::chrono::duration<double>(span).count();
+    char note[96];
+    std::snprintf(note, sizeof note, " (%llu repeat%s suppressed in the last %.1f s)",
+                  static_cast<unsigned long long>(held), held == 1 ? "" : "s", seconds);
+    message += note;
+}
+
+// Never destroyed, so that a destructor of some other static object may still log.
+RepeatFilter& freeFunctionRepeats() {
+    static RepeatFilter* const repeats = new RepeatFilter;
+    return *repeats;
 }
 
 void emitToDefault(Severity severity, const std::string& name, const std::string& second,
@@ -158,8 +233,15 @@ void Logger::pellumDoLog(Severity severity, const std::string_view& format,
     }
     va_list args;
     va_start(args, context);
-    const std::string message = composeMessage(format, context, args);
+    std::string message = formatMessage(format, args);
     va_end(args);
+    std::uint64_t held = 0;
+    std::chrono::steady_clock::duration span{};
+    if (!mRepeats.admit(severity, message, held, span)) {
+        return;
+    }
+    appendContext(message, context);
+    appendHeldBack(message, held, span);
     if (mImpl) {
         mImpl->emit(severity, mName, mSecond, message);
     } else {
@@ -174,8 +256,15 @@ void pellumDoLog(Severity severity, const std::string_view& format,
     }
     va_list args;
     va_start(args, context);
-    const std::string message = composeMessage(format, context, args);
+    std::string message = formatMessage(format, args);
     va_end(args);
+    std::uint64_t held = 0;
+    std::chrono::steady_clock::duration span{};
+    if (!freeFunctionRepeats().admit(severity, message, held, span)) {
+        return;
+    }
+    appendContext(message, context);
+    appendHeldBack(message, held, span);
     emitToDefault(severity, "quarvel", std::string(), message);
 }
 

@@ -1,8 +1,12 @@
 #pragma once
 
+#include <array>
 #include <atomic>
+#include <chrono>
+#include <cstdint>
 #include <functional>
 #include <memory>
+#include <mutex>
 #include <string>
 #include <string_view>
 
@@ -23,6 +27,11 @@ inline bool isEnabled(Severity severity) {
     return static_cast<int>(severity) <= gThreshold.load(std::memory_order_relaxed);
 }
 
+// A message a logger already showed at the same severity less than this long ago is only
+// counted; the next one shown after that says how many were held back. Zero shows all.
+void setRepeatWindow(std::chrono::milliseconds window);
+std::chrono::milliseconds repeatWindow();
+
 // Parses "fatal", "error", "warning", "info", "debug" or "0".."5"; false for anything else.
 bool parseThreshold(std::string_view text, int& threshold);
 
@@ -41,6 +50,38 @@ public:
               std::string_view message) override;
 };
 
+// Remembers the messages one source showed last, so that repeats can be held back. Keyed on the
+// formatted text, not the format: one format often serves different facts (which setting was
+// written, which mover started), and those must all be seen; a failing device repeats the very
+// same text. Only a few messages are kept, the least recently seen one making room, so memory
+// stays fixed however many different messages come by.
+class RepeatFilter {
+public:
+    RepeatFilter() = default;
+    // A copy, made or assigned, is a new source of messages and starts with nothing held back.
+    RepeatFilter(const RepeatFilter&) {}
+    RepeatFilter& operator=(const RepeatFilter& other);
+
+    // False if the message is to be dropped. Otherwise `held` is how many were dropped since the
+    // same message was last shown and `span` how long ago that was.
+    bool admit(Severity severity, std::string_view text, std::uint64_t& held,
+               std::chrono::steady_clock::duration& span);
+
+private:
+    struct Entry {
+        std::string text;
+        Severity severity = Severity::Fatal;
+        bool used = false;
+        std::uint64_t held = 0;
+        std::uint64_t lastSeen = 0; // mTick when last met, to find the stalest entry
+        std::chrono::steady_clock::time_point shown;
+    };
+
+    std::mutex mMutex;
+    std::array<Entry, 8> mEntries;
+    std::uint64_t mTick = 0;
+};
+
 class Logger {
 public:
     Logger(std::string name, std::string second, std::shared_ptr<LoggerImplInterface> impl);
@@ -54,6 +95,7 @@ private:
     std::string mName;
     std::string mSecond;
     std::shared_ptr<LoggerImplInterface> mImpl;
+    mutable RepeatFilter mRepeats;
 };
 
 void pellumDoLog(Severity severity, const std::string_view& format,

@@ -6,6 +6,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <chrono>
 #include <csignal>
 #include <regex>
 #include <thread>
@@ -14,6 +15,32 @@ namespace quarvel::test {
 namespace {
 
 using namespace morvik::pellum::log;
+using namespace std::chrono_literals;
+
+// Sets how long repeats are held back, for one test.
+class RepeatWindowFor {
+public:
+    explicit RepeatWindowFor(std::chrono::milliseconds window) : mSaved(repeatWindow()) {
+        setRepeatWindow(window);
+    }
+    ~RepeatWindowFor() { setRepeatWindow(mSaved); }
+    RepeatWindowFor(const RepeatWindowFor&) = delete;
+    RepeatWindowFor& operator=(const RepeatWindowFor&) = delete;
+
+private:
+    std::chrono::milliseconds mSaved;
+};
+
+// What follows the time stamp on each line.
+std::vector<std::string> linesOf(const std::string& text) {
+    std::vector<std::string> lines;
+    const std::regex line(R"(\S{27} (.*)\n)");
+    for (auto it = std::sregex_iterator(text.begin(), text.end(), line);
+         it != std::sregex_iterator(); ++it) {
+        lines.push_back((*it)[1]);
+    }
+    return lines;
+}
 
 // Regression: a filtered call must not even build its message. Where long is 32 bits a wrong
 // va_arg width garbles what follows; the view stops before a "%s" that has no argument.
@@ -41,6 +68,7 @@ TEST(Logger, OneWholeLinePerMessageAboveTheThreshold) {
 
 // Regression: lines from many threads stay whole; a torn one leaves text behind.
 TEST(Logger, ConcurrentLoggersNeverTearLines) {
+    const RepeatWindowFor showAll(0ms);
     const std::string padding(200, '#');
     StderrCapture capture(5);
     std::vector<std::thread> threads(8);
@@ -60,6 +88,113 @@ TEST(Logger, ConcurrentLoggersNeverTearLines) {
     const std::string torn =
         std::regex_replace(text, std::regex(R"(\S{27} DEBUG \[Decoder\] #{200}\n)"), "");
     EXPECT_EQ(torn.substr(0, 300), ""); // what is left of the torn lines
+}
+
+// A failing device repeats the very same complaint many times a second. The next one shown
+// after the window carries the count of those held back.
+TEST(Logger, RepeatsOfAMessageAreHeldBackAndCountedUntilTheWindowHasPassed) {
+    EXPECT_EQ(repeatWindow(), 10s);
+    const RepeatWindowFor window(10s);
+    int built = 0;
+    const std::function<std::string()> context = [&] { return "ctx" + std::to_string(++built); };
+    const Logger logger("Recoder", "", std::make_shared<LoggerImpl>());
+    StderrCapture capture(5);
+    for (int i = 0; i < 4; ++i) {
+        logger.pellumDoLog(Severity::Error, "Got error %d while reading", context, 1);
+    }
+    logger.pellumDoLog(Severity::Error, "Got error 1 while reading", context);  // same text
+    logger.pellumDoLog(Severity::Error, "Got error %d while reading", {}, 5);   // other text
+    logger.pellumDoLog(Severity::Warning, "Got error %d while reading", {}, 1); // other severity
+    pellumDoLog(Severity::Error, "Got error %d while reading", {}, 1);          // other stream
+    pellumDoLog(Severity::Error, "Got error %d while reading", {}, 1);
+    setRepeatWindow(0ms);
+    logger.pellumDoLog(Severity::Error, "Got error %d while reading", context, 1);
+    logger.pellumDoLog(Severity::Error, "Got error %d while reading", context, 1);
+    pellumDoLog(Severity::Error, "Got error %d while reading", {}, 1);
+    const std::vector<std::string> lines = linesOf(capture.text());
+    ASSERT_EQ(lines.size(), 7u);
+    EXPECT_EQ(lines[0], "ERROR [Recoder] Got error 1 while reading | ctx1");
+    EXPECT_EQ(lines[1], "ERROR [Recoder] Got error 5 while reading");
+    EXPECT_EQ(lines[2], "WARNING [Recoder] Got error 1 while reading");
+    EXPECT_EQ(lines[3], "ERROR [quarvel] Got error 1 while reading");
+    EXPECT_TRUE(std::regex_match(lines[4], std::regex(R"(ERROR \[Recoder\] Got error 1 while )"
+                                                      R"(reading \| ctx2 \(4 repeats )"
+                                                      R"(suppressed in the last \d+\.\d s\))")))
+        << lines[4];
+    EXPECT_EQ(lines[5], "ERROR [Recoder] Got error 1 while reading | ctx3"); // count starts over
+    EXPECT_TRUE(std::regex_match(lines[6], std::regex(R"(ERROR \[quarvel\] Got error 1 while )"
+                                                      R"(reading \(1 repeat )"
+                                                      R"(suppressed in the last \d+\.\d s\))")))
+        << lines[6];
+    EXPECT_EQ(built, 3); // held back before the context is asked
+}
+
+// One logger object is one source: a namesake or a copy keeps its own count.
+TEST(Logger, LoggersAndTheirCopiesHoldBackRepeatsEachOnTheirOwn) {
+    const RepeatWindowFor window(10s);
+    const Logger first("Decoder", "", std::make_shared<LoggerImpl>());
+    const Logger namesake("Decoder", "", std::make_shared<LoggerImpl>());
+    StderrCapture capture(5);
+    first.pellumDoLog(Severity::Info, "queue full", {});
+    namesake.pellumDoLog(Severity::Info, "queue full", {});
+    const Logger copy(first);
+    copy.pellumDoLog(Severity::Info, "queue full", {});
+    first.pellumDoLog(Severity::Info, "queue full", {});
+    namesake.pellumDoLog(Severity::Info, "queue full", {});
+    copy.pellumDoLog(Severity::Info, "queue full", {});
+    Logger assigned("Decoder", "", std::make_shared<LoggerImpl>());
+    assigned.pellumDoLog(Severity::Info, "queue full", {});
+    assigned = first;
+    assigned.pellumDoLog(Severity::Info, "queue full", {});
+    EXPECT_EQ(linesOf(capture.text()), std::vector<std::string>(5, "INFO [Decoder] queue full"));
+}
+
+// One format with changing values gives different messages, and none is held back. Memory
+// stays bounded: a logger forgets messages it has not seen for a while and shows them again.
+TEST(Logger, DifferentMessagesAreNeverHeldBackAndOldOnesAreForgotten) {
+    const RepeatWindowFor window(10s);
+    const Logger logger("SinkHDF5", "", std::make_shared<LoggerImpl>());
+    StderrCapture capture(5);
+    for (int i = 0; i < 64; ++i) {
+        logger.pellumDoLog(Severity::Debug, "wrote block %d", {}, i);
+    }
+    logger.pellumDoLog(Severity::Debug, "wrote block %d", {}, 0);
+    const std::vector<std::string> lines = linesOf(capture.text());
+    ASSERT_EQ(lines.size(), 65u);
+    EXPECT_EQ(lines[63], "DEBUG [SinkHDF5] wrote block 63");
+    EXPECT_EQ(lines[64], "DEBUG [SinkHDF5] wrote block 0");
+}
+
+// Many threads repeating one message on one logger: one line, and not a repeat goes uncounted.
+TEST(Logger, ThreadsRepeatingOneMessageShareOneCount) {
+    const RepeatWindowFor window(10s);
+    const Logger logger("DataMover", "", std::make_shared<LoggerImpl>());
+    StderrCapture capture(5);
+    std::vector<std::thread> threads(8);
+    for (auto& thread : threads) {
+        thread = std::thread([&logger] {
+            for (int i = 0; i < 500; ++i) {
+                logger.pellumDoLog(Severity::Warning, "read failed", {});
+                pellumDoLog(Severity::Warning, "mover stalled", {});
+            }
+        });
+    }
+    for (auto& thread : threads) {
+        thread.join();
+    }
+    setRepeatWindow(0ms);
+    logger.pellumDoLog(Severity::Warning, "read failed", {});
+    pellumDoLog(Severity::Warning, "mover stalled", {});
+    const std::vector<std::string> lines = linesOf(capture.text());
+    ASSERT_EQ(lines.size(), 4u);
+    EXPECT_EQ(std::count(lines.begin(), lines.end(), "WARNING [DataMover] read failed"), 1);
+    EXPECT_EQ(std::count(lines.begin(), lines.end(), "WARNING [quarvel] mover stalled"), 1);
+    EXPECT_TRUE(std::regex_match(lines[2], std::regex(R"(WARNING \[DataMover\] read failed )"
+                                                      R"(\(3999 repeats suppressed .*)")))
+        << lines[2];
+    EXPECT_TRUE(std::regex_match(lines[3], std::regex(R"(WARNING \[quarvel\] mover stalled )"
+                                                      R"(\(3999 repeats suppressed .*)")))
+        << lines[3];
 }
 
 struct App : morvik::pellum::utils::MorvikApplication {
