@@ -4,9 +4,12 @@
 
 #include "configurations/Configurations.h"
 #include "dataflow/ChainAssembly.h"
+#include "dataflow/RunOutcome.h"
 #include "platform/Logger.h"
+#include "sinks/SinkHDF5.h"
 
 #include <cerrno>
+#include <cstring>
 #include <ctime>
 #include <exception>
 #include <iostream>
@@ -25,6 +28,17 @@ constexpr std::chrono::seconds kStopLimit{5};
 
 JobResult exitWith(int32_t code) {
     return JobResult{0, code};
+}
+
+// The failure texts of the movers that failed by themselves, for the file's "failure".
+std::string failureSummary(const std::vector<std::shared_ptr<AbstractDataMover>>& movers) {
+    std::string summary;
+    for (const auto& mover : movers) {
+        if (mover->failed()) {
+            summary += (summary.empty() ? "" : "; ") + mover->name() + ": " + mover->errorText();
+        }
+    }
+    return summary;
 }
 
 void sleepPollPeriod() {
@@ -51,10 +65,12 @@ std::vector<std::shared_ptr<AbstractDataMover>> QuarvelApp::createMovers(const C
     return quarvel::createMovers(chain);
 }
 
+// The file's writer, last in the chain, stops (and closes the file) first: whatever the movers
+// before it do, the file is then complete with what reached it.
 void QuarvelApp::abortMovers(const std::vector<std::shared_ptr<AbstractDataMover>>& movers) {
-    for (const auto& mover : movers) {
-        if (!mover->failed()) {
-            mover->abort();
+    for (auto mover = movers.rbegin(); mover != movers.rend(); ++mover) {
+        if (!(*mover)->failed()) {
+            (*mover)->abort();
         }
     }
 }
@@ -71,52 +87,96 @@ QuarvelApp::collectErrors(const std::vector<std::shared_ptr<AbstractDataMover>>&
     return errors;
 }
 
-JobResult QuarvelApp::runJob() {
-    try {
-        return transfer();
-    } catch (const std::exception& e) {
-        pellumDoLog(Severity::Fatal, "EXCPETION THROWN: %s", {}, e.what());
-        std::cerr << "EXCPETION THROWN" << e.what() << std::endl;
-        return exitWith(42);
-    } catch (...) {
-        pellumDoLog(Severity::Fatal, "UNKNOWN EXCEPTION THROWN", {});
-        std::cerr << "UNKNOWN EXCEPTION THROWN" << std::endl;
-        return exitWith(43);
+struct QuarvelApp::Run {
+    ConfigurationMap registry;
+    std::shared_ptr<AbstractConfiguration> scheme;
+    Chain chain;
+    std::vector<std::shared_ptr<AbstractDataMover>> movers;
+
+    // Tells the chain's elements how the run ends; the first word counts.
+    void ending(RunOutcome outcome, const std::string& reason) const {
+        for (const auto& element : chain) {
+            if (element && element->isSink()) {
+                if (auto recorder =
+                        std::dynamic_pointer_cast<AbstractOutcomeRecorder>(element->getSink())) {
+                    recorder->runEnding(outcome, reason);
+                }
+            }
+        }
     }
+
+    // Movers last to first, so that the file's writer closes the file first; an unfinished
+    // run that nobody explained was stopped.
+    void release() {
+        ending(RunOutcome::Stopped, std::string());
+        while (!movers.empty()) {
+            movers.pop_back();
+        }
+        chain.clear();
+        scheme.reset();
+        registry.clear();
+    }
+};
+
+// How the run ends is decided here for every exit: the deadline that guards the release ends
+// the process with the same code and the same last words as the run would.
+JobResult QuarvelApp::runJob() {
+    Run run;
+    StopDeadline deadline([this] { return gotSigTerm(); }, 1,
+                          "transfer abort requested by user (sigterm)", kStopLimit,
+                          [] { SinkHDF5::discardEmptyRecordings(); });
+    int exitCode = 0;
+    std::string farewell; // the report of an exception, given once the run is released
+    std::string what;
+    try {
+        exitCode = transfer(run, deadline);
+    } catch (const std::exception& e) {
+        exitCode = 42;
+        what = e.what();
+        farewell = "EXCPETION THROWN" + what;
+        run.ending(RunOutcome::Failed, what);
+    } catch (...) {
+        exitCode = 43;
+        farewell = "UNKNOWN EXCEPTION THROWN";
+        run.ending(RunOutcome::Failed, "unknown exception");
+    }
+    deadline.arm(exitCode, farewell);
+    run.release();
+    if (exitCode == 42) {
+        pellumDoLog(Severity::Fatal, "EXCPETION THROWN: %s", {}, what.c_str());
+    } else if (exitCode == 43) {
+        pellumDoLog(Severity::Fatal, "UNKNOWN EXCEPTION THROWN", {});
+    }
+    if (!farewell.empty()) {
+        std::cerr << farewell << std::endl;
+    }
+    return exitWith(exitCode);
 }
 
-// Everything of the run is local here, so it is released (movers first, which joins their
-// threads) before runJob's handlers report an exception.
-JobResult QuarvelApp::transfer() {
+// Returns the exit code; what the run has to say is said here, except for exceptions, which
+// runJob reports once the run is released.
+int QuarvelApp::transfer(Run& run, StopDeadline& deadline) {
     if (!mOptions || mOptions->hasError()) {
         if (mOptions) {
             mOptions->printHelp();
         }
-        return exitWith(1);
+        return 1;
     }
 
-    ConfigurationMap registry = createConfigurations();
-    std::shared_ptr<AbstractConfiguration> scheme;
+    run.registry = createConfigurations();
     try {
-        scheme = getConfiguration(registry, mOptions->getConf());
+        run.scheme = getConfiguration(run.registry, mOptions->getConf());
     } catch (...) {
         std::cerr << "The requested configuration doesn't exist. Available configurations are: "
                   << std::endl
-                  << registry << std::endl;
-        return exitWith(2);
+                  << run.registry << std::endl;
+        run.registry.clear();
+        return 2;
     }
 
-    // Outlives the elements and movers, whose opening and release it guards.
-    StopDeadline deadline([this] { return gotSigTerm(); }, 1, kStopLimit);
-    Chain chain = scheme->buildChain(mOptions);
-    std::vector<std::shared_ptr<AbstractDataMover>> movers = createMovers(chain);
-    int exitCode = 42; // stays so when an exception ends the run
-    // However the run ends, releasing the movers is guarded by the deadline.
-    struct ArmOnExit {
-        StopDeadline& deadline;
-        const int& code;
-        ~ArmOnExit() { deadline.arm(code); }
-    } armOnExit{deadline, exitCode};
+    run.chain = run.scheme->buildChain(mOptions);
+    run.movers = createMovers(run.chain);
+    const auto& movers = run.movers;
 
     uint32_t size = mOptions->getDataBytes();
     for (const auto& mover : movers) {
@@ -140,8 +200,8 @@ JobResult QuarvelApp::transfer() {
                 pellumDoLog(Severity::Error,
                             "Data mover %s failed, aborting all others and breaking loop", {},
                             mover->name().c_str());
-                exitCode = 2;
-                deadline.arm(exitCode);
+                deadline.arm(2);
+                run.ending(RunOutcome::Failed, failureSummary(movers));
                 abortMovers(movers);
                 anyFailed = true;
                 break;
@@ -164,10 +224,10 @@ JobResult QuarvelApp::transfer() {
     }
 
     if (gotSigTerm()) {
-        exitCode = 1;
         pellumDoLog(Severity::Error, "GOT SIGTERM", {});
         std::cerr << "transfer abort requested by user (sigterm)" << std::endl;
-        return exitWith(exitCode);
+        deadline.arm(1);
+        return 1;
     }
 
     pellumDoLog(Severity::Debug, "went out of data mover monitoring loop", {});
@@ -176,13 +236,11 @@ JobResult QuarvelApp::transfer() {
     std::cout << std::string(31, ' ') << std::flush;
     const std::string errors = collectErrors(movers);
     if (errors.empty()) {
-        exitCode = 0;
         std::cout << "Transfer successful" << std::endl;
-    } else {
-        exitCode = 2;
-        std::cerr << "Transfer to file failed, error = " << errors << std::endl;
+        return 0;
     }
-    return exitWith(exitCode);
+    std::cerr << "Transfer to file failed, error = " << errors << std::endl;
+    return 2;
 }
 
 } // namespace quarvel

@@ -11,6 +11,8 @@
 
 namespace quarvel {
 
+class StopDeadline;
+
 class QuarvelApp : public morvik::pellum::utils::MorvikApplication {
 public:
     QuarvelApp(int argc, char** argv);
@@ -26,7 +28,9 @@ public:
     const std::shared_ptr<CommandLineOptions>& options() const { return mOptions; }
 
 private:
-    morvik::pellum::utils::JobResult transfer();
+    struct Run;
+
+    int transfer(Run& run, StopDeadline& deadline);
 
     std::shared_ptr<CommandLineOptions> mOptions;
 };

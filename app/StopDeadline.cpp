@@ -14,8 +14,10 @@ constexpr std::chrono::milliseconds kPollPeriod{50};
 }
 
 StopDeadline::StopDeadline(std::function<bool()> stopRequested, int stopExitCode,
-                           std::chrono::milliseconds limit)
-    : mStopRequested(std::move(stopRequested)), mStopExitCode(stopExitCode), mLimit(limit),
+                           std::string stopFarewell, std::chrono::milliseconds limit,
+                           std::function<void()> beforeExit)
+    : mStopRequested(std::move(stopRequested)), mStopExitCode(stopExitCode),
+      mStopFarewell(std::move(stopFarewell)), mLimit(limit), mBeforeExit(std::move(beforeExit)),
       mThread(&StopDeadline::watch, this) {}
 
 StopDeadline::~StopDeadline() {
@@ -27,18 +29,19 @@ StopDeadline::~StopDeadline() {
     mThread.join();
 }
 
-void StopDeadline::arm(int exitCode) {
+void StopDeadline::arm(int exitCode, std::string farewell) {
     {
         std::lock_guard<std::mutex> lock(mMutex);
-        armLocked(exitCode);
+        startCountdownLocked();
+        mExitCode = exitCode;
+        mFarewell = std::move(farewell);
     }
     mChanged.notify_all();
 }
 
-void StopDeadline::armLocked(int exitCode) {
+void StopDeadline::startCountdownLocked() {
     if (!mArmed) {
         mArmed = true;
-        mExitCode = exitCode;
         mEnd = std::chrono::steady_clock::now() + mLimit;
     }
 }
@@ -47,23 +50,35 @@ void StopDeadline::watch() {
     std::unique_lock<std::mutex> lock(mMutex);
     while (!mDone) {
         if (!mArmed && mStopRequested && mStopRequested()) {
-            armLocked(mStopExitCode);
+            startCountdownLocked();
+            mExitCode = mStopExitCode;
+            mFarewell = mStopFarewell;
         }
         const auto now = std::chrono::steady_clock::now();
         if (mArmed && now >= mEnd) {
-            const char message[] = "quarvel: a data mover did not stop (the recorder device "
-                                   "delivers nothing); leaving without it\n";
-            (void)!::write(STDERR_FILENO, message, std::strlen(message));
-            // Only the standard streams: a blocked reader holds its own stream's lock.
-            std::fflush(stdout);
-            std::fflush(stderr);
-            std::_Exit(mExitCode);
+            fire();
         }
         const auto wait =
             mArmed ? std::min<std::chrono::steady_clock::duration>(kPollPeriod, mEnd - now)
                    : std::chrono::steady_clock::duration(kPollPeriod);
         mChanged.wait_for(lock, wait);
     }
+}
+
+// Called with the mutex held; nothing of the stuck threads is waited for.
+void StopDeadline::fire() {
+    const std::string message =
+        (mFarewell.empty() ? std::string() : mFarewell + "\n") +
+        "quarvel: a data mover did not stop (the recorder device delivers nothing); leaving "
+        "without it\n";
+    (void)!::write(STDERR_FILENO, message.data(), message.size());
+    if (mBeforeExit) {
+        mBeforeExit();
+    }
+    // Only the standard streams: a blocked reader holds its own stream's lock.
+    std::fflush(stdout);
+    std::fflush(stderr);
+    std::_Exit(mExitCode);
 }
 
 } // namespace quarvel

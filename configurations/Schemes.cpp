@@ -25,6 +25,8 @@ Chain completeChain(const std::shared_ptr<AbstractRecorder>& source, std::string
         const std::string file = options.getFile();
         sink = std::make_shared<SinkHDF5>(file);
     }
+    sink->describe({options.getConf(), options.getRecDev(), options.getSrcAddr(),
+                    options.getDataBytes(), options.getDataRate()});
     if (decoder) {
         // Refuses a byte count whose decoded size cannot be counted, before the recorder is
         // programmed or anything is opened.

@@ -6,10 +6,24 @@
 #include <malloc.h>
 #endif
 
+#include "platform/Version.h"
+
+#include <algorithm>
 #include <atomic>
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <ctime>
 #include <exception>
+#include <iostream>
 #include <stdexcept>
 #include <vector>
+
+#include <fcntl.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <sys/statvfs.h>
+#include <unistd.h>
 
 namespace quarvel {
 
@@ -59,6 +73,110 @@ bool limitMetadataCache(hid_t file, size_t bytes) {
     return H5Fset_mdc_config(file, &config) >= 0;
 }
 
+// A failure to create the file is HDF5's kind of failure, as when HDF5 itself refuses it.
+[[noreturn]] void throwFileError(const std::string& message) {
+    throw H5::FileIException("SinkHDF5::open", message);
+}
+
+// The first free name FILE.1, FILE.2, ...; empty when the rename failed.
+std::string moveAside(const std::string& path) {
+    for (unsigned n = 1; n < 1000; ++n) {
+        const std::string aside = path + "." + std::to_string(n);
+        if (::renameat2(AT_FDCWD, path.c_str(), AT_FDCWD, aside.c_str(), RENAME_NOREPLACE) == 0) {
+            return aside;
+        }
+        if (errno == EEXIST) {
+            continue;
+        }
+        // A file system without RENAME_NOREPLACE: look, then rename.
+        if (errno == EINVAL && ::access(aside.c_str(), F_OK) != 0 &&
+            ::rename(path.c_str(), aside.c_str()) == 0) {
+            return aside;
+        }
+        if (errno != EINVAL) {
+            return {};
+        }
+    }
+    return {};
+}
+
+// UTC, ISO 8601 with milliseconds: 2026-11-23T20:30:10.123Z.
+std::string utcNow() {
+    timespec now{};
+    clock_gettime(CLOCK_REALTIME, &now);
+    tm parts{};
+    const time_t seconds = now.tv_sec;
+    gmtime_r(&seconds, &parts);
+    char text[64];
+    std::snprintf(text, sizeof text, "%04d-%02d-%02dT%02d:%02d:%02d.%03ldZ", parts.tm_year + 1900,
+                  parts.tm_mon + 1, parts.tm_mday, parts.tm_hour, parts.tm_min, parts.tm_sec,
+                  static_cast<long>(now.tv_nsec / 1000000));
+    return text;
+}
+
+std::string hostName() {
+    char name[256] = {};
+    if (::gethostname(name, sizeof name - 1) != 0) {
+        return {};
+    }
+    return name;
+}
+
+// Fixed-length strings: a later value of the same size is written in place, needing no new
+// room in the file. "state" fits its longest value, "recording".
+constexpr size_t kStateSize = sizeof "recording";
+
+H5::StrType fixedString(size_t size) {
+    H5::StrType type(H5::PredType::C_S1, size);
+    type.setStrpad(H5T_STR_NULLTERM);
+    type.setCset(H5T_CSET_UTF8);
+    return type;
+}
+
+void writeStringAttribute(H5::Attribute& attribute, const std::string& value) {
+    const H5::StrType type = attribute.getStrType();
+    std::vector<char> bytes(type.getSize(), '\0');
+    value.copy(bytes.data(), bytes.size() - 1);
+    attribute.write(type, bytes.data());
+}
+
+// size 0: just the value's own size.
+std::unique_ptr<H5::Attribute> createStringAttribute(H5::DataSet& dataSet, const char* name,
+                                                     size_t size, const std::string& value) {
+    const H5::StrType type = fixedString(size == 0 ? value.size() + 1 : size);
+    auto attribute = std::make_unique<H5::Attribute>(
+        dataSet.createAttribute(name, type, H5::DataSpace(H5S_SCALAR)));
+    writeStringAttribute(*attribute, value);
+    return attribute;
+}
+
+// The open sinks, for a process that must end without them: see discardEmptyRecordings.
+std::mutex& liveMutex() {
+    static std::mutex mutex;
+    return mutex;
+}
+
+std::vector<const SinkHDF5*>& liveSinks() {
+    static std::vector<const SinkHDF5*> sinks;
+    return sinks;
+}
+
+void registerLive(const SinkHDF5* sink) {
+    std::lock_guard<std::mutex> lock(liveMutex());
+    liveSinks().push_back(sink);
+}
+
+void unregisterLive(const SinkHDF5* sink) {
+    std::lock_guard<std::mutex> lock(liveMutex());
+    auto& sinks = liveSinks();
+    sinks.erase(std::remove(sinks.begin(), sinks.end(), sink), sinks.end());
+}
+
+[[noreturn]] void refuseWrite(int error) {
+    errno = error;
+    throw H5::DataSetIException("SinkHDF5::write", std::strerror(error));
+}
+
 } // namespace
 
 // HDF5 1.10 frees a file whose close failed while flushing but keeps its identifier, so any
@@ -94,13 +212,39 @@ bool SinkHDF5::hasAbandonedFiles() {
 SinkHDF5::SinkHDF5(const std::string& fileName, size_t metadataCacheBytes)
     : morvik::pellum::log::Logger("SinkHDF5", std::string(),
                                   std::make_shared<morvik::pellum::log::LoggerImpl>()),
-      mFileName(fileName), mMetadataCacheBytes(metadataCacheBytes) {
+      mFileName(fileName), mTemporaryName(temporaryName(fileName)),
+      mMetadataCacheBytes(metadataCacheBytes) {
     silenceHdf5ErrorPrinting();
 }
 
-// The HDF5 objects close themselves without throwing; a failure there is only printed.
+// A sink dropped while open (a run torn down by an exception) still ends its recording.
 SinkHDF5::~SinkHDF5() {
     silenceHdf5ErrorPrinting();
+    if (mOpen) {
+        try {
+            close();
+        } catch (...) {
+            // Already logged; a destructor has nobody to tell.
+        }
+    }
+    releaseTemporaryFile();
+}
+
+std::string SinkHDF5::temporaryName(const std::string& fileName) {
+    return fileName + ".part";
+}
+
+void SinkHDF5::describe(const RecordingDescription& description) {
+    mDescription = description;
+}
+
+void SinkHDF5::runEnding(RunOutcome outcome, const std::string& reason) {
+    std::lock_guard<std::mutex> lock(mOutcomeMutex);
+    if (!mOutcomeTold) {
+        mOutcomeTold = true;
+        mOutcome = outcome;
+        mOutcomeReason = reason;
+    }
 }
 
 uint32_t SinkHDF5::optimalWriteSize() {
@@ -142,10 +286,84 @@ void SinkHDF5::openFileAndDataSet() {
     H5check();
     H5open();
 
-    // Built aside and kept only when all of it exists: a failure closes the new file (which then
-    // holds no dataset) and leaves this sink's members as they were.
-    auto file = std::make_unique<H5::H5File>(
-        mFileName, H5F_ACC_TRUNC, H5::FileCreatPropList::DEFAULT, H5::FileAccPropList::DEFAULT);
+    lockTemporaryFile();
+    try {
+        createFileAndDataSet();
+    } catch (...) {
+        // Nothing was recorded: no temporary file stays, and the file name is untouched.
+        mRecordedValues.reset();
+        mStateAttribute.reset();
+        mEndTime.reset();
+        mDataSet.reset();
+        mDataSpace.reset();
+        mFile.reset();
+        ::unlink(mTemporaryName.c_str());
+        releaseTemporaryFile();
+        throw;
+    }
+}
+
+// Refuses when another run writes the same file, and moves aside what a crashed run left.
+void SinkHDF5::lockTemporaryFile() {
+    struct stat target {};
+    if (::stat(mFileName.c_str(), &target) == 0 && !S_ISREG(target.st_mode)) {
+        // Renaming over it would replace a directory entry or a device node, not fill a file.
+        throwFileError("cannot create " + mFileName + ": " +
+                       std::strerror(S_ISDIR(target.st_mode) ? EISDIR : EEXIST) +
+                       " (not a regular file)");
+    }
+    for (;;) {
+        const int fd =
+            ::open(mTemporaryName.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0666); // no O_TRUNC yet
+        if (fd < 0) {
+            throwFileError("cannot create " + mTemporaryName + ": " + std::strerror(errno));
+        }
+        // An open file description lock: HDF5's own flock on the same file does not meet it,
+        // and closing HDF5's descriptor does not drop it.
+        struct flock lock {};
+        lock.l_type = F_WRLCK;
+        lock.l_whence = SEEK_SET;
+        if (::fcntl(fd, F_OFD_SETLK, &lock) != 0) {
+            ::close(fd);
+            throw std::runtime_error("another run is writing " + mFileName +
+                                     " (its temporary file " + mTemporaryName + " is locked)");
+        }
+        struct stat info {};
+        if (::fstat(fd, &info) != 0 || info.st_size == 0) {
+            mLockFd = fd;
+            break;
+        }
+        // Unlocked but not empty: a crashed run's recording, which must not be lost.
+        const std::string aside = moveAside(mTemporaryName);
+        ::close(fd);
+        if (aside.empty()) {
+            throw std::runtime_error("cannot move aside the unfinished recording " +
+                                     mTemporaryName +
+                                     " of an earlier run: " + std::strerror(errno));
+        }
+        std::cerr << "quarvel: moved the unfinished recording of an earlier run from "
+                  << mTemporaryName << " to " << aside << std::endl;
+    }
+    struct rlimit limit {};
+    if (::getrlimit(RLIMIT_FSIZE, &limit) == 0 && limit.rlim_cur != RLIM_INFINITY) {
+        mFileSizeLimit = limit.rlim_cur;
+    }
+    registerLive(this);
+}
+
+void SinkHDF5::releaseTemporaryFile() {
+    if (mLockFd >= 0) {
+        unregisterLive(this);
+        ::close(mLockFd);
+        mLockFd = -1;
+    }
+}
+
+void SinkHDF5::createFileAndDataSet() {
+    // Built aside and kept only when all of it exists.
+    auto file =
+        std::make_unique<H5::H5File>(mTemporaryName, H5F_ACC_TRUNC, H5::FileCreatPropList::DEFAULT,
+                                     H5::FileAccPropList::DEFAULT);
     if (!limitMetadataCache(file->getId(), mMetadataCacheBytes)) {
         pellumDoLog(Severity::Warning,
                     "could not limit HDF5's metadata cache; memory grows with the file", {});
@@ -171,6 +389,67 @@ void SinkHDF5::openFileAndDataSet() {
     mDataSet = std::move(dataSet);
     mDataSpace = std::move(dataSpace);
     mFile = std::move(file);
+    mValuesWritten.store(0);
+    mCheckpointValues = 0;
+    mWriteFailed = false;
+    mWriteFailure.clear();
+    createAttributes();
+    // From here on a killed process leaves a readable, empty recording.
+    checkpoint();
+}
+
+void SinkHDF5::createAttributes() {
+    const H5::DataSpace scalar(H5S_SCALAR);
+    const auto number = [&](const char* name, const H5::PredType& fileType,
+                            const H5::PredType& memoryType, const void* value) {
+        auto attribute =
+            std::make_unique<H5::Attribute>(mDataSet->createAttribute(name, fileType, scalar));
+        attribute->write(memoryType, value);
+        return attribute;
+    };
+    const uint64_t none = 0;
+    mRecordedValues =
+        number("recorded_values", H5::PredType::STD_U64LE, H5::PredType::NATIVE_UINT64, &none);
+    mStateAttribute = createStringAttribute(*mDataSet, "state", kStateSize, "recording");
+    createStringAttribute(*mDataSet, "scheme", 0, mDescription.scheme);
+    createStringAttribute(*mDataSet, "device", 0, mDescription.device);
+    number("src_addr", H5::PredType::STD_U32LE, H5::PredType::NATIVE_UINT32, &mDescription.srcAddr);
+    number("data_bytes", H5::PredType::STD_U32LE, H5::PredType::NATIVE_UINT32,
+           &mDescription.dataBytes);
+    number("data_rate", H5::PredType::STD_U8LE, H5::PredType::NATIVE_UINT8, &mDescription.dataRate);
+    const std::string now = utcNow();
+    createStringAttribute(*mDataSet, "start_time", 0, now);
+    // While recording: the time of the last checkpoint.
+    mEndTime = createStringAttribute(*mDataSet, "end_time", now.size() + 1, now);
+    createStringAttribute(*mDataSet, "software", 0, std::string("quarvel ") + version());
+    createStringAttribute(*mDataSet, "host", 0, hostName());
+}
+
+// Attributes first, then the flush: the file on disk then says how far its data goes.
+void SinkHDF5::checkpoint() {
+    const uint64_t values = mWriteOffset;
+    mRecordedValues->write(H5::PredType::NATIVE_UINT64, &values);
+    writeStringAttribute(*mEndTime, utcNow());
+    mFile->flush(H5F_SCOPE_LOCAL);
+    mCheckpointValues = mWriteOffset;
+    mNextCheckpoint = std::chrono::steady_clock::now() + kCheckpointPeriod;
+}
+
+void SinkHDF5::ensureRoomFor(uint32_t len) {
+    const uint64_t needed = uint64_t{len} + kCloseReserveBytes;
+    struct stat info {};
+    if (mFileSizeLimit != ~uint64_t{0} && ::fstat(mLockFd, &info) == 0 &&
+        static_cast<uint64_t>(info.st_size) + needed > mFileSizeLimit) {
+        refuseWrite(EFBIG);
+    }
+    struct statvfs space {};
+    if (::fstatvfs(mLockFd, &space) == 0) {
+        // Root may use the blocks that the file system keeps back for it.
+        const uint64_t blocks = ::geteuid() == 0 ? space.f_bfree : space.f_bavail;
+        if (blocks * space.f_frsize < needed) {
+            refuseWrite(ENOSPC);
+        }
+    }
 }
 
 uint32_t SinkHDF5::write(const uint8_t* buffer, uint32_t len) {
@@ -181,6 +460,7 @@ uint32_t SinkHDF5::write(const uint8_t* buffer, uint32_t len) {
         throw std::runtime_error("Cannot write to HDF5 output as it has not been open yet");
     }
     try {
+        ensureRoomFor(len);
         const uint32_t values = len / mElementSize;
         pellumDoLog(Severity::Debug, "~write: dataspace size = %u", {}, values);
         const hsize_t count[1] = {values};
@@ -191,6 +471,7 @@ uint32_t SinkHDF5::write(const uint8_t* buffer, uint32_t len) {
         mDataSpace->selectHyperslab(H5S_SELECT_SET, count, start);
 
         pellumDoLog(Severity::Debug, "~wirte: writting data", {});
+        errno = 0;
         // HDF5 converts each value to the file's big-endian type while storing it.
         mDataSet->write(buffer, H5::PredType::STD_I32LE, memorySpace, *mDataSpace,
                         H5::DSetMemXferPropList::DEFAULT);
@@ -199,12 +480,63 @@ uint32_t SinkHDF5::write(const uint8_t* buffer, uint32_t len) {
         mDataSpace->selectNone();
 
         mWriteOffset += values;
+        mValuesWritten.store(mWriteOffset);
         pellumDoLog(Severity::Info, "-write(%u): wrote %u values", {}, len, values);
+        if (std::chrono::steady_clock::now() >= mNextCheckpoint) {
+            checkpoint();
+        }
     } catch (const H5::Exception& error) {
+        const int systemError = errno;
         pellumDoLog(Severity::Error, "SinkHDF5 failed to write with error %s", {}, detailOf(error));
+        if (!mWriteFailed) {
+            mWriteFailed = true;
+            mWriteFailure = "writing " + mFileName + " failed: " +
+                            (systemError != 0 ? std::strerror(systemError) : detailOf(error));
+        }
         throw;
     }
     return len;
+}
+
+SinkHDF5::State SinkHDF5::finalState(std::string& failure) {
+    if (mWriteFailed) {
+        failure = mWriteFailure;
+        return State::Failed;
+    }
+    if (uint64_t{mWriteOffset} * mElementSize >= mTotalSize) {
+        return State::Complete;
+    }
+    std::lock_guard<std::mutex> lock(mOutcomeMutex);
+    if (mOutcomeTold && mOutcome == RunOutcome::Failed) {
+        failure = mOutcomeReason;
+        return State::Failed;
+    }
+    return State::Stopped;
+}
+
+// After a failed write, only a successful flush proves that the values since the last
+// checkpoint reached the disk; otherwise the file claims no more than that checkpoint.
+void SinkHDF5::finishAttributes(State state, const std::string& failure) {
+    if (mWriteFailed) {
+        try {
+            mFile->flush(H5F_SCOPE_LOCAL);
+            mCheckpointValues = mWriteOffset;
+        } catch (const H5::Exception& error) {
+            pellumDoLog(Severity::Error, "SinkHDF5 failed to flush with error %s", {},
+                        detailOf(error));
+        }
+    } else {
+        mCheckpointValues = mWriteOffset;
+    }
+    // Fixed-size values overwritten in place: they need no new room on a full disk.
+    const uint64_t values = mCheckpointValues;
+    mRecordedValues->write(H5::PredType::NATIVE_UINT64, &values);
+    writeStringAttribute(*mEndTime, utcNow());
+    const char* const names[] = {"recording", "complete", "stopped", "failed"};
+    writeStringAttribute(*mStateAttribute, names[static_cast<int>(state)]);
+    if (state == State::Failed) {
+        createStringAttribute(*mDataSet, "failure", 0, failure.empty() ? "unknown" : failure);
+    }
 }
 
 void SinkHDF5::close() {
@@ -214,9 +546,33 @@ void SinkHDF5::close() {
         pellumDoLog(Severity::Warning, "SinkHDF5 already closed", {});
     }
 
-    // Closing the dataset and the file writes out the last chunks; when that fails (disk full)
-    // the rest is still closed and the first failure is passed on to the mover.
     std::exception_ptr failure;
+    State state = State::Stopped;
+    if (mOpen && mDataSet) {
+        std::string why;
+        state = finalState(why);
+        try {
+            finishAttributes(state, why);
+        } catch (const H5::Exception& error) {
+            pellumDoLog(Severity::Error, "SinkHDF5 failed to close with error %s", {},
+                        detailOf(error));
+            failure = std::current_exception();
+        }
+    }
+    closeHdf5Objects(failure);
+    if (mLockFd >= 0) {
+        publish(state);
+    }
+    mOpen = false;
+    if (failure) {
+        std::rethrow_exception(failure);
+    }
+    pellumDoLog(Severity::Info, "HDF5 sink closed", {});
+}
+
+// Closing the dataset and the file writes out the last chunks; when that fails (disk full)
+// the rest is still closed and the first failure is passed on to the mover.
+void SinkHDF5::closeHdf5Objects(std::exception_ptr& failure) {
     const auto closeOne = [&failure, this](auto& object) {
         if (!object) {
             return true;
@@ -233,16 +589,39 @@ void SinkHDF5::close() {
             return false;
         }
     };
+    closeOne(mRecordedValues);
+    closeOne(mStateAttribute);
+    closeOne(mEndTime);
     closeOne(mDataSet);
     closeOne(mDataSpace);
     if (!closeOne(mFile)) {
         abandonFailedFile();
     }
-    mOpen = false;
-    if (failure) {
-        std::rethrow_exception(failure);
+}
+
+// The recording takes the file's name when it holds something (or all there was to hold);
+// a recording of nothing leaves an older file of that name as it was.
+void SinkHDF5::publish(State state) {
+    if (state == State::Complete || mCheckpointValues > 0) {
+        // On disk before the name points to it.
+        ::fsync(mLockFd);
+        if (::rename(mTemporaryName.c_str(), mFileName.c_str()) != 0) {
+            pellumDoLog(Severity::Error, "cannot rename %s to %s: %s; the recording stays there",
+                        {}, mTemporaryName.c_str(), mFileName.c_str(), std::strerror(errno));
+        }
+    } else {
+        ::unlink(mTemporaryName.c_str());
     }
-    pellumDoLog(Severity::Info, "HDF5 sink closed", {});
+    releaseTemporaryFile();
+}
+
+void SinkHDF5::discardEmptyRecordings() noexcept {
+    std::lock_guard<std::mutex> lock(liveMutex());
+    for (const SinkHDF5* sink : liveSinks()) {
+        if (sink->mValuesWritten.load() == 0) {
+            ::unlink(sink->mTemporaryName.c_str());
+        }
+    }
 }
 
 } // namespace quarvel

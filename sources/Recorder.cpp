@@ -8,7 +8,10 @@
 #include <memory>
 #include <stdexcept>
 
+#include <fcntl.h>
+#include <poll.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 namespace quarvel {
 
@@ -78,17 +81,7 @@ uint32_t Recorder::read(uint8_t* buffer, uint32_t bufferLen) {
         if (mFile == nullptr) {
             throw std::runtime_error("The recorder device is not open");
         }
-        // One fread only: on an unbuffered stream the C library keeps reading the device until
-        // the request is filled, the end of file or an error.
-        const auto n = static_cast<uint32_t>(std::fread(buffer, 1, bufferLen, mFile));
-        if (n != bufferLen) {
-            if (std::feof(mFile)) {
-                pellumDoLog(Severity::Info, "Reached end of file on recorder device", {});
-            } else {
-                pellumDoLog(Severity::Error, "Got error %d while reading on recorder device", {},
-                            std::ferror(mFile));
-            }
-        }
+        const uint32_t n = readAvailable(buffer, bufferLen);
         pellumDoLog(Severity::Debug, "-read: %u", {}, n);
         return n;
     } catch (const std::exception& e) {
@@ -97,8 +90,45 @@ uint32_t Recorder::read(uint8_t* buffer, uint32_t bufferLen) {
     }
 }
 
+// One read(2) of what the device has now, never a wait: a device that stalls must not keep
+// the mover (which may also be the file's writer) from seeing a stop.
+uint32_t Recorder::readAvailable(uint8_t* buffer, uint32_t bufferLen) {
+    const int fd = ::fileno(mFile);
+    pollfd ready{fd, POLLIN, 0};
+    mNothingPending = false;
+    if (::poll(&ready, 1, 0) == 0) {
+        mNothingPending = true;
+        return 0;
+    }
+    const ssize_t n = ::read(fd, buffer, bufferLen);
+    if (n > 0) {
+        mEndOfFile = false;
+        return static_cast<uint32_t>(n);
+    }
+    if (n == 0) {
+        // Every later read tries again: a FIFO's writer may come back.
+        mEndOfFile = true;
+        pellumDoLog(Severity::Info, "Reached end of file on recorder device", {});
+        return 0;
+    }
+    const int error = errno;
+    if (error == EAGAIN || error == EWOULDBLOCK || error == EINTR) {
+        return 0;
+    }
+    // 1 is the error indicator, as the C stream would report it.
+    pellumDoLog(Severity::Error, "Got error %d while reading on recorder device", {}, 1);
+    return 0;
+}
+
 void Recorder::waitForMaybeData() {
-    timespec wait{0, 50000000};
+    if (mFile != nullptr && mNothingPending) {
+        // Wakes as soon as the device has data; a signal only ends the wait early.
+        pollfd ready{::fileno(mFile), POLLIN, 0};
+        ::poll(&ready, 1, kWaitMs);
+        return;
+    }
+    // At end of file or after an error poll would return at once: wait the full period.
+    timespec wait{0, kWaitMs * 1000000L};
     timespec remaining{};
     while (::nanosleep(&wait, &remaining) != 0 && errno == EINTR) {
         wait = remaining;
@@ -106,28 +136,35 @@ void Recorder::waitForMaybeData() {
 }
 
 bool Recorder::isEndOfData() {
-    return mFile != nullptr && std::feof(mFile) != 0;
+    return mFile != nullptr && mEndOfFile;
 }
 
 void Recorder::start() {
     pellumDoLog(Severity::Info, "+start", {});
-    FILE* file = std::fopen(mDevicePath.c_str(), "rb");
+    // Non-blocking: opening a FIFO without writer returns at once, and a read takes what is
+    // there without waiting for more.
+    const int fd = ::open(mDevicePath.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+    FILE* file = fd < 0 ? nullptr : ::fdopen(fd, "rb");
     if (file == nullptr) {
         const int error = errno;
+        if (fd >= 0) {
+            ::close(fd);
+        }
         pellumDoLog(Severity::Error, "~start: cannot open %s: %s", {}, mDevicePath.c_str(),
                     std::strerror(error));
         throw std::runtime_error("Failed to open the recorder device for reading");
     }
-    // Unbuffered: bytes go straight into the caller's buffer and nothing is read ahead.
+    // The stream only holds the descriptor; reads bypass it, so it must buffer nothing.
     std::setbuf(file, nullptr);
     // A second start replaces a stream that is still open, once the new one is open: no
-    // stream leaks, the old end-of-file and error indicators go, and a failed start keeps
-    // the old stream.
+    // stream leaks, and a failed start keeps the old stream.
     if (mFile != nullptr) {
         pellumDoLog(Severity::Warning, "~start: device was already open, reopened it", {});
         close();
     }
     mFile = file;
+    mEndOfFile = false;
+    mNothingPending = false;
 }
 
 void Recorder::abort() {

@@ -14,7 +14,8 @@ namespace quarvel {
 std::string recorderSysfsRoot(uint64_t rdev);
 
 // The FPGA recorder: programmed and queried through text attributes in its sysfs control
-// directory, read through its character device as an unbuffered C stream.
+// directory, read through its character device. A read takes what the device has and never
+// waits; waitForMaybeData waits at most 50 ms for more.
 // Not thread-safe: construction, configure and open on the chain-building thread, then read,
 // waitForMaybeData and close on the one mover thread.
 class Recorder : public AbstractRecorder, public virtual morvik::pellum::log::Logger {
@@ -55,13 +56,18 @@ private:
     static constexpr uint32_t kOutOfRangeError = 0x10;
     static constexpr uint32_t kFailureMask = kBusy | kAccessError | kOutOfRangeError;
 
+    static constexpr int kWaitMs = 50;
+
+    uint32_t readAvailable(uint8_t* buffer, uint32_t bufferLen);
     uint64_t statDevice() const;
     std::string controlDirectoryOfDevice() const;
     void logSysfsRoot() const;
 
     std::string mDevicePath;
-    std::string mSysfsRoot; // fixed at construction
-    FILE* mFile = nullptr;  // null while the device is not open
+    std::string mSysfsRoot;       // fixed at construction
+    FILE* mFile = nullptr;        // null while the device is not open
+    bool mEndOfFile = false;      // the last read found the end of the device
+    bool mNothingPending = false; // the last read found no data waiting
 };
 
 } // namespace quarvel

@@ -40,9 +40,10 @@ TEST(CommandLineOptions, EdgeValuesAndUnknownWords) {
 // 400 ms more and leaves with 0, unless the deadline ended the process first.
 void holdDeadline(std::function<bool()> stopRequested, bool arm, std::chrono::milliseconds hold) {
     {
-        StopDeadline deadline(std::move(stopRequested), 5, 200ms);
+        StopDeadline deadline(std::move(stopRequested), 5, "stopped by request", 200ms,
+                              [] { std::fputs("last call\n", stderr); });
         if (arm) {
-            deadline.arm(7);
+            deadline.arm(7, "the run's report");
         }
         std::this_thread::sleep_for(hold);
     }
@@ -50,10 +51,12 @@ void holdDeadline(std::function<bool()> stopRequested, bool arm, std::chrono::mi
     std::exit(0);
 }
 
+// The process ends with the code and the report that the run decided, after the last call.
 TEST(StopDeadlineDeathTest, EndsTheProcessWhenTheStopTakesTooLong) {
-    EXPECT_EXIT(holdDeadline(nullptr, true, 10s), ExitedWithCode(7), "a data mover did not stop");
+    EXPECT_EXIT(holdDeadline(nullptr, true, 10s), ExitedWithCode(7),
+                "^the run's report\nquarvel: a data mover did not stop.*\nlast call\n$");
     EXPECT_EXIT(holdDeadline([] { return true; }, false, 10s), ExitedWithCode(5),
-                "a data mover did not stop");
+                "^stopped by request\nquarvel: a data mover did not stop.*\nlast call\n$");
 }
 
 TEST(StopDeadlineDeathTest, LeavesTheProcessAloneWhenReleasedInTime) {

@@ -5,6 +5,7 @@
 #include "tests/support/TestSupport.h"
 
 #include <H5Cpp.h>
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <chrono>
@@ -35,9 +36,10 @@ constexpr bool kSanitized = sizeof(QUARVEL_SANITIZE) > 1;
 
 struct RunSpec {
     std::vector<std::string> args;
-    int stopSignal = 0; // sent stopDelay after the program has created its output file
+    int stopSignal = 0; // sent stopDelay after the program has created its temporary file
     std::chrono::milliseconds stopDelay{0};
     rlim_t fileSizeLimit = RLIM_INFINITY; // a full disk
+    bool closedStdout = false;            // standard output is a pipe nobody reads
 };
 
 struct RunResult {
@@ -63,12 +65,17 @@ RunResult runQuarvel(const RunSpec& launch) {
 
     const pid_t pid = fork();
     if (pid == 0) {
-        const int out = ::open(outPath.c_str(), O_CREAT | O_WRONLY, 0600);
+        int out = ::open(outPath.c_str(), O_CREAT | O_WRONLY, 0600);
         const int err = ::open(errPath.c_str(), O_CREAT | O_WRONLY, 0600);
         const rlimit limit{launch.fileSizeLimit, launch.fileSizeLimit};
-        signal(SIGXFSZ, SIG_IGN); // a write past the limit fails with EFBIG instead
-        sigset_t none;            // the test runner may have blocked signals
+        sigset_t none; // the test runner may have blocked signals
         sigemptyset(&none);
+        int pipeEnds[2] = {-1, -1};
+        if (launch.closedStdout && pipe(pipeEnds) == 0) {
+            ::close(out);
+            ::close(pipeEnds[0]);
+            out = pipeEnds[1];
+        }
         if (dup2(out, 1) >= 0 && dup2(err, 2) >= 0 &&
             (launch.fileSizeLimit == RLIM_INFINITY || setrlimit(RLIMIT_FSIZE, &limit) == 0) &&
             sigprocmask(SIG_SETMASK, &none, nullptr) == 0) {
@@ -86,7 +93,8 @@ RunResult runQuarvel(const RunSpec& launch) {
         if (now > deadline) {
             kill(pid, SIGKILL); // a hang fails the test, not the whole suite
         }
-        if (launch.stopSignal != 0 && created == never && access(output.c_str(), F_OK) == 0) {
+        if (launch.stopSignal != 0 && created == never &&
+            access((output + ".part").c_str(), F_OK) == 0) {
             created = now;
         }
         if (created != never && signalled == never && now >= created + launch.stopDelay) {
@@ -123,6 +131,38 @@ Recording readRecording(const std::string& path, hsize_t limit = ~hsize_t{0}) {
     space.selectHyperslab(H5S_SELECT_SET, &read, &start);
     dataset.read(r.values.data(), H5::PredType::NATIVE_INT32, H5::DataSpace(1, &read), space);
     return r;
+}
+
+// A string attribute of the dataset, as any HDF5 reader sees it.
+std::string stringAttribute(const H5::DataSet& dataset, const char* name) {
+    const H5::Attribute attribute = dataset.openAttribute(name);
+    std::string value;
+    attribute.read(attribute.getStrType(), value);
+    return value.substr(0, value.find('\0'));
+}
+
+// What the file says about its recording.
+struct Description {
+    uint64_t recordedValues = 0;
+    std::string state, failure;
+    bool hasFailure = false;
+};
+
+Description describe(const std::string& path) {
+    H5::Exception::dontPrint();
+    const H5::DataSet dataset = H5::H5File(path, H5F_ACC_RDONLY).openDataSet("quarvel");
+    Description d;
+    dataset.openAttribute("recorded_values").read(H5::PredType::NATIVE_UINT64, &d.recordedValues);
+    d.state = stringAttribute(dataset, "state");
+    d.hasFailure = dataset.attrExists("failure");
+    if (d.hasFailure) {
+        d.failure = stringAttribute(dataset, "failure");
+    }
+    return d;
+}
+
+bool exists(const std::string& path) {
+    return ::access(path.c_str(), F_OK) == 0;
 }
 
 // The sample that the Tavo decoder makes of the mock recorder's k-th counter word.
@@ -180,63 +220,174 @@ TEST(Cli, RunsThatCannotStartReportExactly) {
     EXPECT_NE(access(file.c_str(), F_OK), 0);
 }
 
-TEST(Cli, MockRecordingHoldsEveryDecodedCounterWord) {
-    for (const uint32_t bytes : {4096u, 1000000u}) {
-        TempDir dir;
-        const RunResult run = runQuarvel({argsFor(dir.file("rec.h5"), bytes)});
-        ASSERT_EQ(run.exitCode, 0) << run.err;
-        EXPECT_EQ(run.err, "");
-        // Progress lines, each rewritten by the next, then the final one.
-        EXPECT_TRUE(
-            std::regex_match(run.out, std::regex("(Transfer: [^\r]*\r)*\rTransfered: (\\S+ \\S+)"
-                                                 " / \\2     100%     @ \\S+ \\S+/s {68}"
-                                                 "Transfer successful\n")))
-            << run.out;
-        const Recording recording = readRecording(dir.file("rec.h5"));
-        EXPECT_EQ(recording.length, bytes / 4);
-        for (size_t k = 0; k < recording.values.size(); ++k) {
-            ASSERT_EQ(recording.values[k], mockSample(k)) << "sample " << k;
-        }
+// The values from index 0 up to what the file says it recorded are the decoded counter.
+void expectMockPrefix(const std::string& path, uint64_t recorded) {
+    const Recording recording = readRecording(path, recorded);
+    ASSERT_EQ(recording.values.size(), recorded);
+    for (size_t k = 0; k < recording.values.size(); ++k) {
+        ASSERT_EQ(recording.values[k], mockSample(k)) << "sample " << k;
     }
 }
 
-// Regression: after a file failed to close, HDF5's exit handlers crashed the process.
-TEST(Cli, WriteFailureMidwayIsReportedWithTheMoverTexts) {
+TEST(Cli, MockRecordingHoldsEveryDecodedCounterWordAndDescribesItself) {
+    for (const uint32_t bytes : {0u, 4096u, 1000000u}) {
+        TempDir dir;
+        const std::string file = dir.file("rec.h5");
+        writeFile(file, "an older recording");
+        const RunResult run = runQuarvel({argsFor(file, bytes)});
+        ASSERT_EQ(run.exitCode, 0) << run.err;
+        EXPECT_EQ(run.err, "");
+        // Progress lines, each rewritten by the next, then the final one.
+        EXPECT_TRUE(std::regex_match(
+            run.out, std::regex("(Transfer: [^\r]*\r)*\rTransfered: (\\S+ \\S+)"
+                                " / \\2     (100|0)%     @ \\S+ \\S+/s {68}Transfer successful\n")))
+            << run.out;
+        EXPECT_FALSE(exists(file + ".part"));
+        const Recording recording = readRecording(file);
+        EXPECT_EQ(recording.length, bytes / 4);
+        expectMockPrefix(file, bytes / 4);
+
+        const Description d = describe(file);
+        EXPECT_EQ(d.state, "complete");
+        EXPECT_EQ(d.recordedValues, bytes / 4);
+        EXPECT_FALSE(d.hasFailure);
+        const H5::DataSet dataset = H5::H5File(file, H5F_ACC_RDONLY).openDataSet("quarvel");
+        EXPECT_EQ(stringAttribute(dataset, "scheme"), "mock");
+        EXPECT_EQ(stringAttribute(dataset, "device"), "/dev/does-not-exist");
+        const std::regex time(R"(\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d\.\d{3}Z)");
+        EXPECT_TRUE(std::regex_match(stringAttribute(dataset, "start_time"), time));
+        EXPECT_TRUE(std::regex_match(stringAttribute(dataset, "end_time"), time));
+        EXPECT_LE(stringAttribute(dataset, "start_time"), stringAttribute(dataset, "end_time"));
+        EXPECT_TRUE(std::regex_match(stringAttribute(dataset, "software"),
+                                     std::regex(R"(quarvel \d+\.\d+\.\d+)")));
+        EXPECT_NE(stringAttribute(dataset, "host"), "");
+        uint32_t dataBytes = 1, srcAddr = 1;
+        uint8_t dataRate = 1;
+        dataset.openAttribute("data_bytes").read(H5::PredType::NATIVE_UINT32, &dataBytes);
+        dataset.openAttribute("src_addr").read(H5::PredType::NATIVE_UINT32, &srcAddr);
+        dataset.openAttribute("data_rate").read(H5::PredType::NATIVE_UINT8, &dataRate);
+        EXPECT_EQ(dataBytes, bytes);
+        EXPECT_EQ(srcAddr, 0u);
+        EXPECT_EQ(dataRate, 0u);
+    }
+}
+
+// SIGXFSZ is ignored: a file size limit (a FAT32 card) ends the run as a failed write, with
+// the data so far in a readable file. Regression: HDF5's exit handlers crashed afterwards.
+TEST(Cli, FileSizeLimitFailsTheRunAndKeepsWhatWasRecorded) {
     TempDir dir;
-    const RunResult run = runQuarvel({argsFor(dir.file("rec.h5"), 256u << 20), 0, 0ms, 64 << 10});
+    const std::string file = dir.file("rec.h5");
+    const RunResult run = runQuarvel({argsFor(file, 256u << 20), 0, 0ms, 8 << 20});
     EXPECT_EQ(run.exitCode, 2);
     EXPECT_EQ(withoutLogLines(run.err),
               "Transfer to file failed, error = transfer aborted\nunknown\n\n");
     EXPECT_EQ(run.out.find("Transfer successful"), std::string::npos);
+    const Description d = describe(file);
+    EXPECT_EQ(d.state, "failed");
+    EXPECT_THAT(d.failure, ::testing::HasSubstr("File too large"));
+    EXPECT_GT(d.recordedValues, 1u << 20);
+    expectMockPrefix(file, d.recordedValues);
+}
+
+// Standard output that nobody reads (quarvel ... | head -c 300) does not end the recording.
+TEST(Cli, ClosedStandardOutputDoesNotEndTheRecording) {
+    TempDir dir;
+    RunSpec spec{argsFor(dir.file("rec.h5"), 4u << 20)};
+    spec.closedStdout = true;
+    const RunResult run = runQuarvel(spec);
+    EXPECT_EQ(run.exitCode, 0) << run.err;
+    EXPECT_EQ(describe(dir.file("rec.h5")).state, "complete");
+}
+
+// A failed start, a second run on a file being written and a crashed run's leftover never
+// cost an existing recording.
+TEST(Cli, RecordingsAreNeverReplacedByRunsThatStoreNothing) {
+    TempDir dir;
+    const std::string file = dir.file("rec.h5");
+    writeFile(file, "an older recording");
+    const RunResult failed = runQuarvel({argsFor(file, 4096, "int32")});
+    EXPECT_EQ(failed.exitCode, 42);
+    EXPECT_EQ(readFile(file), "an older recording");
+    EXPECT_FALSE(exists(file + ".part"));
+
+    // The first run stops by itself only at 1 GiB; the second starts while it records.
+    const pid_t first = fork();
+    if (first == 0) {
+        const RunResult run = runQuarvel({argsFor(file, 1u << 30), SIGTERM, 1500ms});
+        _exit(run.exitCode == 1 ? 0 : 1);
+    }
+    const auto deadline = std::chrono::steady_clock::now() + 20s;
+    while (!exists(file + ".part") && std::chrono::steady_clock::now() < deadline) {
+        std::this_thread::sleep_for(5ms);
+    }
+    const RunResult second = runQuarvel({argsFor(file, 4096)});
+    EXPECT_EQ(second.exitCode, 42);
+    EXPECT_THAT(withoutLogLines(second.err),
+                ::testing::HasSubstr("another run is writing " + file));
+    int status = 0;
+    ASSERT_EQ(waitpid(first, &status, 0), first);
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << "the first run was disturbed";
+    const Description d = describe(file);
+    EXPECT_EQ(d.state, "stopped");
+    expectMockPrefix(file, d.recordedValues);
+
+    // What a crash left is moved aside, not overwritten.
+    writeFile(file + ".part", "a crashed run's recording");
+    const RunResult after = runQuarvel({argsFor(file, 4096)});
+    EXPECT_EQ(after.exitCode, 0);
+    EXPECT_THAT(after.err, ::testing::HasSubstr(file + ".part.1"));
+    EXPECT_EQ(readFile(file + ".part.1"), "a crashed run's recording");
+    EXPECT_EQ(describe(file).state, "complete");
+}
+
+// kill -9 (or a power cut) at any moment leaves the temporary file readable up to its last
+// checkpoint, which is at most about a second old.
+TEST(Cli, KilledRecordingIsReadableUpToItsLastCheckpoint) {
+    for (const auto delay : {1300ms, 2100ms, 2900ms}) {
+        SCOPED_TRACE(delay.count());
+        TempDir dir;
+        const std::string file = dir.file("rec.h5");
+        const RunResult run = runQuarvel({argsFor(file, 1u << 30), SIGKILL, delay});
+        EXPECT_EQ(run.exitCode, -1);
+        ASSERT_TRUE(exists(file + ".part"));
+        const Description d = describe(file + ".part");
+        EXPECT_EQ(d.state, "recording");
+        if (!kSanitized && !kEmulated) {
+            EXPECT_GT(d.recordedValues, 0u) << "no checkpoint in over a second";
+        }
+        expectMockPrefix(file + ".part", d.recordedValues);
+    }
 }
 
 class StoppedRecording : public ::testing::TestWithParam<std::tuple<int, int>> {};
 
+// SIGHUP (a dropped ssh session) stops the run as SIGTERM and SIGINT do.
 TEST_P(StoppedRecording, EndsWithinASecondAndKeepsAReadableFile) {
     const auto [stopSignal, delayMs] = GetParam();
     TempDir dir;
-    const RunResult run = runQuarvel(
-        {argsFor(dir.file("rec.h5"), 1u << 30), stopSignal, std::chrono::milliseconds(delayMs)});
+    const std::string file = dir.file("rec.h5");
+    const RunResult run =
+        runQuarvel({argsFor(file, 1u << 30), stopSignal, std::chrono::milliseconds(delayMs)});
     EXPECT_EQ(run.exitCode, 1);
     EXPECT_EQ(withoutLogLines(run.err), "transfer abort requested by user (sigterm)\n");
     EXPECT_TRUE(std::regex_match(run.out, std::regex("(Transfer: [^\r]*\r)*"))) << run.out;
     EXPECT_LT(run.stopLatency, kSanitized || kEmulated ? 3s : 1s);
-    const Recording recording = readRecording(dir.file("rec.h5"), 1u << 20);
-    EXPECT_EQ(recording.length, (1u << 30) / 4);
-    // The counter from the start, then zeros where nothing was written yet.
-    size_t n = 0;
-    while (n < recording.values.size() && recording.values[n] == mockSample(n)) {
-        ++n;
+    EXPECT_FALSE(exists(file + ".part"));
+    if (!exists(file)) {
+        EXPECT_EQ(delayMs, 0) << "a second into the recording something must be in the file";
+        return; // stopped before anything was stored
     }
-    const std::vector<int32_t> rest(recording.values.begin() + n, recording.values.end());
-    EXPECT_EQ(rest, std::vector<int32_t>(rest.size(), 0));
+    const Description d = describe(file);
+    EXPECT_EQ(d.state, "stopped");
+    EXPECT_EQ(readRecording(file, 0).length, (1u << 30) / 4);
+    expectMockPrefix(file, std::min<uint64_t>(d.recordedValues, 1u << 20));
     if (delayMs > 0 && !kSanitized && !kEmulated) {
-        EXPECT_GT(n, 4096u) << "a second into the recording something must be in the file";
+        EXPECT_GT(d.recordedValues, 4096u);
     }
 }
 
 INSTANTIATE_TEST_SUITE_P(EarlyAndMidway, StoppedRecording,
-                         ::testing::Combine(::testing::Values(SIGTERM, SIGINT),
+                         ::testing::Combine(::testing::Values(SIGTERM, SIGINT, SIGHUP),
                                             ::testing::Values(0, 1000)));
 
 namespace fs = std::filesystem;
@@ -313,17 +464,18 @@ TEST_P(RecorderSchemes, RecordingIsStoredDecoded) {
     EXPECT_EQ(readRecording(output).values, decoded(conf, words));
 
     writeFile(device, few);
-    fs::remove(output); // the stop signal waits for the program to create it
     std::vector<std::string> args = argsFor(output, 8192, conf, device);
     args.push_back("--log-level=info");
     const RunResult run = runQuarvel({args, SIGTERM, 500ms});
     EXPECT_EQ(run.exitCode, 1);
     EXPECT_EQ(withoutLogLines(run.err), "transfer abort requested by user (sigterm)\n");
-    const auto emptyRead = run.err.find("readThisTime = 0\n");
-    EXPECT_NE(run.err.find("readThisTime = 0\n", emptyRead + 1), std::string::npos) << "no polls";
+    EXPECT_NE(run.err.find("Reached end of file on recorder device"), std::string::npos);
     EXPECT_EQ(run.out.find("Transfer successful"), std::string::npos);
     EXPECT_LT(run.stopLatency, kSanitized ? 3s : 1s);
     std::vector<int32_t> expected = decoded(conf, few);
+    const Description d = describe(output);
+    EXPECT_EQ(d.state, "stopped");
+    EXPECT_EQ(d.recordedValues, expected.size());
     expected.resize(conf == "lumetra" ? 4096 : 2048); // zeros where nothing was written
     EXPECT_EQ(readRecording(output).values, expected);
 }
@@ -331,27 +483,39 @@ TEST_P(RecorderSchemes, RecordingIsStoredDecoded) {
 INSTANTIATE_TEST_SUITE_P(Schemes, RecorderSchemes,
                          ::testing::Values("int32", "tavoadc", "lumetra"));
 
-// Regressions: a device that never delivers kept its mover in the kernel's read, out of reach
-// of any abort, and a FIFO that nobody writes kept the program in the device's open.
-TEST_F(RecorderSchemes, SilentDeviceStillEndsOnSigterm) {
+// Regressions: a device that delivered and then stalled kept its mover in the kernel's read,
+// and the deadline then left an unreadable file; a FIFO that nobody writes kept the program
+// in the device's open.
+TEST_F(RecorderSchemes, StalledDeviceStopsPromptlyWithEverythingItDelivered) {
     ASSERT_EQ(::mkfifo(device.c_str(), 0600), 0);
-    for (const bool writer : {true, false}) {
-        SCOPED_TRACE(writer ? "blocked in read" : "blocked in open");
-        if (!writer && std::strstr(QUARVEL_SANITIZE, "thread")) {
-            continue; // ThreadSanitizer delivers no signal to a thread blocked inside open()
-        }
-        const int silentWriter = writer ? ::open(device.c_str(), O_RDWR) : -1;
-        fs::remove(output); // the stop signal waits for the program to create it
-        const RunResult run = runQuarvel({argsFor(output, 4096, "int32", device), SIGTERM, 300ms});
-        ::close(silentWriter);
+    const std::string words = recorderWords(1u << 18); // 1 MiB
+    for (const std::string conf : {"int32", "tavoadc"}) {
+        SCOPED_TRACE(conf);
+        // Read-write: the writer stays open, so the device stalls instead of ending.
+        const int writer = ::open(device.c_str(), O_RDWR);
+        ASSERT_GE(writer, 0);
+        std::thread feed([&] { EXPECT_EQ(::write(writer, words.data(), words.size()), 1 << 20); });
+        const RunResult run =
+            runQuarvel({argsFor(output, 8u << 20, conf, device), SIGTERM, 1500ms});
+        feed.join();
+        ::close(writer);
         EXPECT_EQ(run.exitCode, 1);
-        EXPECT_EQ(withoutLogLines(run.err),
-                  std::string(writer ? "transfer abort requested by user (sigterm)\n" : "") +
-                      "quarvel: a data mover did not stop (the recorder device delivers "
-                      "nothing); leaving without it\n");
-        EXPECT_GE(run.stopLatency, writer ? 4s : 0s) << "the movers get their time to stop first";
-        EXPECT_LT(run.stopLatency, 8s);
+        EXPECT_EQ(withoutLogLines(run.err), "transfer abort requested by user (sigterm)\n");
+        EXPECT_LT(run.stopLatency, kSanitized ? 3s : 1s);
+        const Description d = describe(output);
+        EXPECT_EQ(d.state, "stopped");
+        const std::vector<int32_t> expected = decoded(conf, words);
+        EXPECT_EQ(d.recordedValues, expected.size());
+        EXPECT_EQ(readRecording(output, expected.size()).values, expected);
     }
+
+    writeFile(output, "an older recording");
+    const RunResult silent = runQuarvel({argsFor(output, 4096, "int32", device), SIGTERM, 300ms});
+    EXPECT_EQ(silent.exitCode, 1);
+    EXPECT_EQ(withoutLogLines(silent.err), "transfer abort requested by user (sigterm)\n");
+    EXPECT_LT(silent.stopLatency, kSanitized ? 3s : 1s);
+    EXPECT_EQ(readFile(output), "an older recording");
+    EXPECT_FALSE(exists(output + ".part"));
 }
 
 } // namespace

@@ -60,6 +60,8 @@ TEST(SinkHDF5, DataSetIsBigEndianInt32DeflatedInChunksThatFollowTheTotalSize) {
         TempDir dir;
         SinkHDF5 sink(dir.file("out.h5"));
         sink.open(total);
+        const std::vector<uint8_t> zeros(total);
+        EXPECT_EQ(sink.write(zeros.data(), total), total);
         sink.close();
 
         const H5::DataSet dataSet =

@@ -146,6 +146,7 @@ TEST_F(RecorderTest, FileIsReadExactlyAndASecondStartReplacesTheStream) {
     EXPECT_FALSE(recorder->isEndOfData());
     ASSERT_EQ(recorder->read(buffer.data(), 8), 2u);
     EXPECT_EQ(std::string(buffer.begin(), buffer.begin() + 2), content.substr(8));
+    EXPECT_EQ(recorder->read(buffer.data(), 8), 0u);
     EXPECT_TRUE(recorder->isEndOfData());
 
     recorder->start();
@@ -165,8 +166,8 @@ TEST_F(RecorderTest, FileIsReadExactlyAndASecondStartReplacesTheStream) {
                 HasSubstr("INFO [Recoder] Reached end of file on recorder device\n"));
 }
 
-// Like the device, a FIFO needs an unbuffered stream: each fread waits until its request is
-// filled or the writer is gone, and nothing is read ahead.
+// A FIFO delivers in pieces: every byte arrives in order, nothing is read ahead, and a read
+// never waits for a writer that has nothing to say.
 TEST_F(RecorderTest, FifoIsReadUnbufferedAndEveryByteArrivesInOrder) {
     const std::string fifo = dir.file("fifo");
     ASSERT_EQ(::mkfifo(fifo.c_str(), 0600), 0);
@@ -201,6 +202,25 @@ TEST_F(RecorderTest, FifoIsReadUnbufferedAndEveryByteArrivesInOrder) {
     }
     writer.join();
     EXPECT_TRUE(received == data) << "received " << received.size() << " bytes";
+
+    // The C library reads an unbuffered stream again after its end: so does the recorder, and
+    // a writer that comes back is heard.
+    const int back = ::open(fifo.c_str(), O_WRONLY | O_NONBLOCK);
+    ASSERT_GE(back, 0);
+    ASSERT_EQ(::write(back, "again", 5), 5);
+    EXPECT_EQ(recorder.read(buffer.data(), 64), 5u);
+    EXPECT_FALSE(recorder.isEndOfData());
+
+    // A writer that stays silent: the read returns at once, the wait ends as data arrives.
+    EXPECT_EQ(recorder.read(buffer.data(), 64), 0u);
+    std::thread late([back] {
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+        EXPECT_EQ(::write(back, "late", 4), 4);
+    });
+    recorder.waitForMaybeData();
+    late.join();
+    EXPECT_EQ(recorder.read(buffer.data(), 64), 4u);
+    ::close(back);
 }
 
 std::atomic<int> gSignalsSeen{0};
