@@ -1,7 +1,9 @@
 #include "platform/MorvikApplication.h"
 
 #include "platform/Logger.h"
+#include "platform/Version.h"
 
+#include <algorithm>
 #include <atomic>
 #include <csignal>
 #include <exception>
@@ -38,6 +40,7 @@ void installStopHandlers() {
 }
 
 constexpr const char* kLogLevelOption = "--log-level";
+constexpr const char* kVersionOption = "--version";
 
 } // namespace
 
@@ -48,9 +51,16 @@ MorvikApplication::MorvikApplication(int& argc, char** argv, bool) {
     if (argc > 0 && argv != nullptr) {
         mArgv.push_back(argv[0]);
     }
+    // Looked for before anything else, so that even "--log-level --version" shows the version.
+    mVersionRequested = std::any_of(argv + std::min(argc, 1), argv + argc, [](const char* arg) {
+        return std::string(arg) == kVersionOption;
+    });
     const std::string prefix = std::string(kLogLevelOption) + "=";
     for (int i = 1; i < argc; ++i) {
         const std::string arg = argv[i];
+        if (arg == kVersionOption) {
+            continue;
+        }
         std::string level;
         bool consumed = false;
         if (arg.compare(0, prefix.size(), prefix) == 0) {
@@ -90,6 +100,11 @@ void MorvikApplication::preInit() {}
 void MorvikApplication::cleanUp() {}
 
 int MorvikApplication::run() {
+    // Like --help in most tools: answers and ends before any other option is looked at.
+    if (mVersionRequested) {
+        std::cout << "quarvel " << quarvel::version() << std::endl;
+        return 0;
+    }
     if (mLogLevelInvalid) {
         std::cerr << "invalid value '" << mBadLogLevel << "' for " << kLogLevelOption
                   << ": use fatal, error, warning, info, debug or 0 to 5" << std::endl;

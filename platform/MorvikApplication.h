@@ -11,8 +11,9 @@ struct JobResult {
     int32_t exitCode = 0;
 };
 
-// Owns the process life cycle: consumes the framework's own options, records SIGTERM, SIGINT
-// and SIGHUP, hands the remaining arguments to the hook and runs the job once from a main loop.
+// Owns the process life cycle: consumes the framework's own options (--log-level, --version),
+// records SIGTERM, SIGINT and SIGHUP, hands the remaining arguments to the hook and runs the job
+// once from a main loop.
 class MorvikApplication {
 public:
     MorvikApplication(int& argc, char** argv, bool);
@@ -35,6 +36,7 @@ private:
     std::vector<const char*> mArgv;
     std::string mBadLogLevel;
     bool mLogLevelInvalid = false;
+    bool mVersionRequested = false;
 };
 
 } // namespace morvik::pellum::utils

@@ -1,10 +1,11 @@
 #!/usr/bin/env bash
-# Installs every Debian package needed to build, test and benchmark quarvel.
+# Installs every Debian package needed to build, test, benchmark and package quarvel.
 # Idempotent; runs as root or through sudo.
 set -euo pipefail
 
 packages=(
   build-essential cmake pkg-config git
+  dpkg-dev file
   libhdf5-dev hdf5-tools zlib1g-dev
   libboost-program-options-dev
   libglibmm-2.4-dev

@@ -1,5 +1,6 @@
 #include "platform/Logger.h"
 #include "platform/MorvikApplication.h"
+#include "platform/Version.h"
 
 #include "tests/support/TestSupport.h"
 
@@ -239,6 +240,26 @@ TEST(Framework, ConsumesItsLogLevelOptionRunsHookAndJobOnceAndRecordsStopSignals
     EXPECT_EQ(threshold(), 4);
     setThreshold(saved);
 }
+
+// ---- --version ----
+
+// --version wins over a bad log level and every other word: it prints the name and the
+// version on standard output, ends with 0 and runs neither the hook nor the job.
+TEST(Framework, VersionOptionPrintsTheVersionAndEndsBeforeTheHookAndTheJob) {
+    const std::string version = quarvel::version();
+    EXPECT_TRUE(std::regex_match(version, std::regex(R"(\d+\.\d+\.\d+)"))) << version;
+    const char* argv[] = {"quarvel", "--log-level=verbose", "--conf=mock", "--version", nullptr};
+    int argc = 4;
+    App app(argc, argv);
+    EXPECT_EQ(argc, 2); // only --conf=mock is left for the program
+    testing::internal::CaptureStdout();
+    const int exitCode = app.run();
+    EXPECT_EQ(testing::internal::GetCapturedStdout(), "quarvel " + version + "\n");
+    EXPECT_EQ(exitCode, 0);
+    EXPECT_TRUE(app.received.empty());
+}
+
+// ---- end of --version ----
 
 } // namespace
 } // namespace quarvel::test
