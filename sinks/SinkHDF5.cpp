@@ -73,9 +73,9 @@ bool limitMetadataCache(hid_t file, size_t bytes) {
     return H5Fset_mdc_config(file, &config) >= 0;
 }
 
-// A failure to create the file is HDF5's kind of failure, as when HDF5 itself refuses it.
-[[noreturn]] void throwFileError(const std::string& message) {
-    throw H5::FileIException("SinkHDF5::open", message);
+// The system's reason when HDF5 failed in a system call, else what HDF5 says.
+std::string reasonOf(const H5::Exception& error, int systemError) {
+    return systemError != 0 ? std::strerror(systemError) : detailOf(error);
 }
 
 // The first free name FILE.1, FILE.2, ...; empty when the rename failed.
@@ -288,19 +288,35 @@ void SinkHDF5::openFileAndDataSet() {
 
     lockTemporaryFile();
     try {
+        errno = 0;
         createFileAndDataSet();
+    } catch (const H5::Exception& error) {
+        const std::string reason = reasonOf(error, errno);
+        pellumDoLog(Severity::Error, "cannot create %s: %s", {}, mFileName.c_str(), reason.c_str());
+        discardTemporaryFile();
+        throw;
     } catch (...) {
-        // Nothing was recorded: no temporary file stays, and the file name is untouched.
-        mRecordedValues.reset();
-        mStateAttribute.reset();
-        mEndTime.reset();
-        mDataSet.reset();
-        mDataSpace.reset();
-        mFile.reset();
-        ::unlink(mTemporaryName.c_str());
-        releaseTemporaryFile();
+        discardTemporaryFile();
         throw;
     }
+}
+
+// Nothing was recorded: no temporary file stays, and the file name is untouched.
+void SinkHDF5::discardTemporaryFile() {
+    mRecordedValues.reset();
+    mStateAttribute.reset();
+    mEndTime.reset();
+    mDataSet.reset();
+    mDataSpace.reset();
+    mFile.reset();
+    ::unlink(mTemporaryName.c_str());
+    releaseTemporaryFile();
+}
+
+// A file that cannot be created is HDF5's kind of failure, as when HDF5 itself refuses it.
+void SinkHDF5::refuseFile(const std::string& reason) {
+    pellumDoLog(Severity::Error, "cannot create %s: %s", {}, mFileName.c_str(), reason.c_str());
+    throw H5::FileIException("SinkHDF5::open", "cannot create " + mFileName + ": " + reason);
 }
 
 // Refuses when another run writes the same file, and moves aside what a crashed run left.
@@ -308,15 +324,14 @@ void SinkHDF5::lockTemporaryFile() {
     struct stat target {};
     if (::stat(mFileName.c_str(), &target) == 0 && !S_ISREG(target.st_mode)) {
         // Renaming over it would replace a directory entry or a device node, not fill a file.
-        throwFileError("cannot create " + mFileName + ": " +
-                       std::strerror(S_ISDIR(target.st_mode) ? EISDIR : EEXIST) +
-                       " (not a regular file)");
+        refuseFile(
+            std::string(S_ISDIR(target.st_mode) ? std::strerror(EISDIR) : "Not a regular file"));
     }
     for (;;) {
         const int fd =
             ::open(mTemporaryName.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0666); // no O_TRUNC yet
         if (fd < 0) {
-            throwFileError("cannot create " + mTemporaryName + ": " + std::strerror(errno));
+            refuseFile(std::strerror(errno));
         }
         // An open file description lock: HDF5's own flock on the same file does not meet it,
         // and closing HDF5's descriptor does not drop it.
@@ -490,8 +505,8 @@ uint32_t SinkHDF5::write(const uint8_t* buffer, uint32_t len) {
         pellumDoLog(Severity::Error, "SinkHDF5 failed to write with error %s", {}, detailOf(error));
         if (!mWriteFailed) {
             mWriteFailed = true;
-            mWriteFailure = "writing " + mFileName + " failed: " +
-                            (systemError != 0 ? std::strerror(systemError) : detailOf(error));
+            mWriteFailure = "writing " + mFileName + " failed: " + reasonOf(error, systemError);
+            pellumDoLog(Severity::Error, "%s", {}, mWriteFailure.c_str());
         }
         throw;
     }
@@ -578,11 +593,15 @@ void SinkHDF5::closeHdf5Objects(std::exception_ptr& failure) {
             return true;
         }
         try {
+            errno = 0;
             object->close();
             return true;
         } catch (const H5::Exception& error) {
+            const std::string reason = reasonOf(error, errno);
             pellumDoLog(Severity::Error, "SinkHDF5 failed to close with error %s", {},
                         detailOf(error));
+            pellumDoLog(Severity::Error, "closing %s failed: %s", {}, mFileName.c_str(),
+                        reason.c_str());
             if (!failure) {
                 failure = std::current_exception();
             }

@@ -101,6 +101,8 @@ private:
     void openFileAndDataSet();
     void createFileAndDataSet();
     void lockTemporaryFile();
+    void discardTemporaryFile();
+    [[noreturn]] void refuseFile(const std::string& reason);
     void createAttributes();
     void checkpoint();
     void ensureRoomFor(uint32_t len);

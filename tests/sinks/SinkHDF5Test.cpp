@@ -139,5 +139,65 @@ TEST(SinkHDF5, MisuseIsRefusedAndTheOpenFileStaysUsable) {
     EXPECT_EQ(storedValues(path), (std::vector<int32_t>{1, 2, 3, 4}));
 }
 
+std::string stateOf(const std::string& path, uint64_t& recorded, std::string& failure) {
+    const H5::DataSet dataSet = H5::H5File(path, H5F_ACC_RDONLY).openDataSet("quarvel");
+    dataSet.openAttribute("recorded_values").read(H5::PredType::NATIVE_UINT64, &recorded);
+    const auto text = [&](const char* name) {
+        const H5::Attribute attribute = dataSet.openAttribute(name);
+        std::string value;
+        attribute.read(attribute.getStrType(), value);
+        return value.substr(0, value.find('\0'));
+    };
+    failure = dataSet.attrExists("failure") ? text("failure") : "(none)";
+    return text("state");
+}
+
+// How a run ended reaches the file; a recording of nothing leaves the file name alone.
+TEST(SinkHDF5, TheFileSaysHowTheRecordingEnded) {
+    const std::vector<int32_t> values{7, 8, 9, 10};
+    struct Case {
+        const char* told; // nullptr: nothing told
+        uint32_t written;
+        const char* state;
+        const char* failure;
+    } cases[] = {{nullptr, 16, "complete", "(none)"},
+                 {"failed", 16, "complete", "(none)"}, // every value is there all the same
+                 {nullptr, 8, "stopped", "(none)"},
+                 {"stopped", 8, "stopped", "(none)"},
+                 {"failed", 8, "failed", "Mover 0 to 1: the decoder choked"}};
+    for (const Case& c : cases) {
+        SCOPED_TRACE(std::string(c.told ? c.told : "-") + " " + std::to_string(c.written));
+        TempDir dir;
+        const std::string path = dir.file("out.h5");
+        SinkHDF5 sink(path);
+        sink.open(16);
+        ASSERT_EQ(sink.write(bytesOf(values), c.written), c.written);
+        if (c.told) {
+            sink.runEnding(std::string(c.told) == "failed" ? RunOutcome::Failed
+                                                           : RunOutcome::Stopped,
+                           "Mover 0 to 1: the decoder choked");
+        }
+        sink.close();
+        uint64_t recorded = 0;
+        std::string failure;
+        EXPECT_EQ(stateOf(path, recorded, failure), c.state);
+        EXPECT_EQ(recorded, c.written / 4);
+        EXPECT_EQ(failure, c.failure);
+        EXPECT_NE(::access(SinkHDF5::temporaryName(path).c_str(), F_OK), 0);
+    }
+
+    TempDir dir;
+    const std::string path = dir.file("out.h5");
+    test::writeFile(path, "an older file");
+    {
+        SinkHDF5 sink(path);
+        sink.open(16);
+        sink.runEnding(RunOutcome::Failed, "nothing came");
+        sink.close();
+    }
+    EXPECT_EQ(test::readFile(path), "an older file");
+    EXPECT_NE(::access(SinkHDF5::temporaryName(path).c_str(), F_OK), 0);
+}
+
 } // namespace
 } // namespace quarvel
