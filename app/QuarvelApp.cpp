@@ -9,9 +9,11 @@
 #include "sinks/SinkHDF5.h"
 
 #include <cerrno>
+#include <chrono>
 #include <cstring>
 #include <ctime>
 #include <exception>
+#include <functional>
 #include <iostream>
 
 namespace quarvel {
@@ -22,7 +24,8 @@ using morvik::pellum::utils::JobResult;
 
 namespace {
 
-constexpr long kPollPeriodNs = 250000000;
+constexpr std::chrono::milliseconds kPollPeriod{250};
+constexpr std::chrono::milliseconds kGlance{10};
 // How long stopping the movers may take before the process leaves without them.
 constexpr std::chrono::seconds kStopLimit{5};
 
@@ -41,11 +44,20 @@ std::string failureSummary(const std::vector<std::shared_ptr<AbstractDataMover>>
     return summary;
 }
 
-void sleepPollPeriod() {
-    timespec request{0, kPollPeriodNs};
-    timespec remaining{};
-    while (nanosleep(&request, &remaining) == -1 && errno == EINTR) {
-        request = remaining;
+// Waits one progress period, but wakes within a glance when the run's work has ended: a run
+// ends when its work ends, not at the next progress line.
+void waitPollPeriod(const std::function<bool()>& ended) {
+    const auto end = std::chrono::steady_clock::now() + kPollPeriod;
+    while (!ended()) {
+        const auto left = end - std::chrono::steady_clock::now();
+        if (left <= std::chrono::steady_clock::duration::zero()) {
+            return;
+        }
+        const auto nap = std::chrono::duration_cast<std::chrono::nanoseconds>(
+            std::min<std::chrono::steady_clock::duration>(kGlance, left));
+        // A signal only shortens the nap; the loop looks again.
+        timespec request{0, static_cast<long>(nap.count())};
+        nanosleep(&request, nullptr);
     }
 }
 
@@ -220,7 +232,16 @@ int QuarvelApp::transfer(Run& run, StopDeadline& deadline) {
         std::cout << "Transfer: ";
         first->printProgress(std::cout);
         std::cout << '\r' << std::flush;
-        sleepPollPeriod();
+        waitPollPeriod([this, &movers] {
+            bool done = true;
+            for (const auto& mover : movers) {
+                if (mover->failed()) {
+                    return true;
+                }
+                done = done && mover->isFinished();
+            }
+            return done || gotSigTerm();
+        });
     }
 
     if (gotSigTerm()) {

@@ -31,6 +31,7 @@ packages=(
   libc6-dev
   libstdc++-12-dev
   zlib1g-dev
+  libdeflate-dev
   libhdf5-dev
   libboost-program-options-dev
   libglibmm-2.4-dev
@@ -135,6 +136,7 @@ for needed in \
   "usr/lib/$triplet/hdf5/serial/libhdf5_cpp.so" \
   "usr/lib/$triplet/libboost_program_options.so" \
   "usr/lib/$triplet/pkgconfig/glibmm-2.4.pc" \
+  "usr/lib/$triplet/pkgconfig/libdeflate.pc" \
   "usr/lib/$triplet/cmake/GTest/GTestConfig.cmake" \
   "usr/include/c++/12/vector"; do
   if [[ ! -e "$sysroot/$needed" ]]; then

@@ -1,5 +1,7 @@
 #include "sinks/SinkHDF5.h"
 
+#include "sinks/ChunkCompressor.h"
+
 #include <H5Cpp.h>
 
 #ifdef __GLIBC__
@@ -209,11 +211,11 @@ bool SinkHDF5::hasAbandonedFiles() {
     return gFileAbandoned.load();
 }
 
-SinkHDF5::SinkHDF5(const std::string& fileName, size_t metadataCacheBytes)
+SinkHDF5::SinkHDF5(const std::string& fileName, size_t metadataCacheBytes, unsigned workers)
     : morvik::pellum::log::Logger("SinkHDF5", std::string(),
                                   std::make_shared<morvik::pellum::log::LoggerImpl>()),
       mFileName(fileName), mTemporaryName(temporaryName(fileName)),
-      mMetadataCacheBytes(metadataCacheBytes) {
+      mMetadataCacheBytes(metadataCacheBytes), mWorkers(workers) {
     silenceHdf5ErrorPrinting();
 }
 
@@ -404,6 +406,9 @@ void SinkHDF5::createFileAndDataSet() {
     mDataSet = std::move(dataSet);
     mDataSpace = std::move(dataSpace);
     mFile = std::move(file);
+    mCompressor = std::make_unique<ChunkCompressor>(chunkDims[0] * mElementSize, mWorkers);
+    mFill = 0;
+    mChunksWritten = 0;
     mValuesWritten.store(0);
     mCheckpointValues = 0;
     mWriteFailed = false;
@@ -442,12 +447,13 @@ void SinkHDF5::createAttributes() {
 
 // Attributes first, then the flush: the file on disk then says how far its data goes.
 void SinkHDF5::checkpoint() {
-    const uint64_t values = mWriteOffset;
+    const uint64_t values = storedValues();
     mRecordedValues->write(H5::PredType::NATIVE_UINT64, &values);
     writeStringAttribute(*mEndTime, utcNow());
     mFile->flush(H5F_SCOPE_LOCAL);
-    mCheckpointValues = mWriteOffset;
+    mCheckpointValues = values;
     mNextCheckpoint = std::chrono::steady_clock::now() + kCheckpointPeriod;
+    mCheckpointChunks = mChunksWritten;
 }
 
 void SinkHDF5::ensureRoomFor(uint32_t len) {
@@ -474,43 +480,104 @@ uint32_t SinkHDF5::write(const uint8_t* buffer, uint32_t len) {
         pellumDoLog(Severity::Error, "write: sink is not open", {});
         throw std::runtime_error("Cannot write to HDF5 output as it has not been open yet");
     }
+    const uint32_t values = len / mElementSize;
+    pellumDoLog(Severity::Debug, "~write: dataspace size = %u", {}, values);
+    if (uint64_t{mWriteOffset} + values > mTotalSize / mElementSize) {
+        // A caller's mistake, not the file's: what was written stays good.
+        const char* const why = "write beyond the end of the dataset";
+        pellumDoLog(Severity::Error, "SinkHDF5 failed to write with error %s", {}, why);
+        throw H5::DataSetIException("SinkHDF5::write", why);
+    }
     try {
         ensureRoomFor(len);
-        const uint32_t values = len / mElementSize;
-        pellumDoLog(Severity::Debug, "~write: dataspace size = %u", {}, values);
-        const hsize_t count[1] = {values};
-        const hsize_t start[1] = {mWriteOffset};
-        const H5::DataSpace memorySpace(1, count);
 
         pellumDoLog(Severity::Debug, "~write: selecting hyperslab", {});
-        mDataSpace->selectHyperslab(H5S_SELECT_SET, count, start);
-
         pellumDoLog(Severity::Debug, "~wirte: writting data", {});
-        errno = 0;
-        // HDF5 converts each value to the file's big-endian type while storing it.
-        mDataSet->write(buffer, H5::PredType::STD_I32LE, memorySpace, *mDataSpace,
-                        H5::DSetMemXferPropList::DEFAULT);
-
+        appendValues(buffer, values * mElementSize);
         pellumDoLog(Severity::Debug, "~write: selectNone", {});
-        mDataSpace->selectNone();
 
         mWriteOffset += values;
         mValuesWritten.store(mWriteOffset);
         pellumDoLog(Severity::Info, "-write(%u): wrote %u values", {}, len, values);
-        if (std::chrono::steady_clock::now() >= mNextCheckpoint) {
+        if (mChunksWritten - mCheckpointChunks >= kCheckpointChunks ||
+            std::chrono::steady_clock::now() >= mNextCheckpoint) {
             checkpoint();
         }
     } catch (const H5::Exception& error) {
-        const int systemError = errno;
-        pellumDoLog(Severity::Error, "SinkHDF5 failed to write with error %s", {}, detailOf(error));
-        if (!mWriteFailed) {
-            mWriteFailed = true;
-            mWriteFailure = "writing " + mFileName + " failed: " + reasonOf(error, systemError);
-            pellumDoLog(Severity::Error, "%s", {}, mWriteFailure.c_str());
-        }
+        noteWriteFailure(error, errno);
         throw;
     }
     return len;
+}
+
+void SinkHDF5::noteWriteFailure(const H5::Exception& error, int systemError) {
+    pellumDoLog(Severity::Error, "SinkHDF5 failed to write with error %s", {}, detailOf(error));
+    if (!mWriteFailed) {
+        mWriteFailed = true;
+        mWriteFailure = "writing " + mFileName + " failed: " + reasonOf(error, systemError);
+        pellumDoLog(Severity::Error, "%s", {}, mWriteFailure.c_str());
+    }
+}
+
+// Whole chunks go to the workers; a partial one waits in its buffer until it is full.
+void SinkHDF5::appendValues(const uint8_t* bytes, size_t length) {
+    const size_t chunkBytes = mCompressor->chunkBytes();
+    while (length > 0) {
+        if (mFill == 0) {
+            while (mCompressor->full()) {
+                writeOldestChunk(true);
+            }
+        }
+        const size_t take = std::min(length, chunkBytes - mFill);
+        std::memcpy(mCompressor->fillBuffer() + mFill, bytes, take);
+        mFill += take;
+        bytes += take;
+        length -= take;
+        if (mFill == chunkBytes) {
+            mCompressor->submit();
+            mFill = 0;
+        }
+    }
+    while (writeOldestChunk(false)) {
+    }
+}
+
+// In order, so that the values in the file always run from index 0 without gaps.
+bool SinkHDF5::writeOldestChunk(bool wait) {
+    const ChunkCompressor::Chunk chunk = mCompressor->takeOldest(wait);
+    if (chunk.data == nullptr) {
+        return false;
+    }
+    const hsize_t offset[1] = {mChunksWritten * mCompressor->chunkBytes() / mElementSize};
+    // Bit 0 of the filter mask: the deflate filter was skipped for this chunk.
+    const uint32_t filterMask = chunk.compressed ? 0u : 1u;
+    errno = 0;
+    const herr_t status =
+        H5Dwrite_chunk(mDataSet->getId(), H5P_DEFAULT, filterMask, offset, chunk.size, chunk.data);
+    mCompressor->release();
+    if (status < 0) {
+        throw H5::DataSetIException("SinkHDF5::write", "H5Dwrite_chunk failed");
+    }
+    ++mChunksWritten;
+    return true;
+}
+
+// The last chunk is padded to its full size, as HDF5 stores edge chunks.
+void SinkHDF5::finishChunks() {
+    if (mFill > 0) {
+        std::memset(mCompressor->fillBuffer() + mFill, 0, mCompressor->chunkBytes() - mFill);
+        mCompressor->submit();
+        mFill = 0;
+    }
+    while (writeOldestChunk(true)) {
+    }
+}
+
+// Values in chunks handed to HDF5, from index 0 without gaps.
+uint64_t SinkHDF5::storedValues() const {
+    const uint64_t inChunks =
+        mCompressor ? mChunksWritten * mCompressor->chunkBytes() / mElementSize : 0;
+    return std::min<uint64_t>(inChunks, mWriteOffset);
 }
 
 SinkHDF5::State SinkHDF5::finalState(std::string& failure) {
@@ -535,13 +602,13 @@ void SinkHDF5::finishAttributes(State state, const std::string& failure) {
     if (mWriteFailed) {
         try {
             mFile->flush(H5F_SCOPE_LOCAL);
-            mCheckpointValues = mWriteOffset;
+            mCheckpointValues = storedValues();
         } catch (const H5::Exception& error) {
             pellumDoLog(Severity::Error, "SinkHDF5 failed to flush with error %s", {},
                         detailOf(error));
         }
     } else {
-        mCheckpointValues = mWriteOffset;
+        mCheckpointValues = storedValues();
     }
     // Fixed-size values overwritten in place: they need no new room on a full disk.
     const uint64_t values = mCheckpointValues;
@@ -564,6 +631,14 @@ void SinkHDF5::close() {
     std::exception_ptr failure;
     State state = State::Stopped;
     if (mOpen && mDataSet) {
+        if (!mWriteFailed) {
+            try {
+                finishChunks();
+            } catch (const H5::Exception& error) {
+                noteWriteFailure(error, errno);
+                failure = std::current_exception();
+            }
+        }
         std::string why;
         state = finalState(why);
         try {

@@ -17,9 +17,12 @@ class H5File;
 class DataSpace;
 class DataSet;
 class Attribute;
+class Exception;
 } // namespace H5
 
 namespace quarvel {
+
+class ChunkCompressor;
 
 // What a recording's attributes say about where it came from.
 struct RecordingDescription {
@@ -32,6 +35,8 @@ struct RecordingDescription {
 
 // Stores the bytes it receives, read as little-endian int32 values, in the chunked and
 // deflate-compressed one-dimensional dataset "quarvel" (big-endian int32) of a new HDF5 file.
+// Chunks are compressed by a pool of worker threads (HDF5 itself would use one core) and
+// written in order with HDF5's direct chunk write; every HDF5 call stays on the caller's thread.
 //
 // The recording never replaces the file in place: it is written as temporaryName(), locked
 // against a second run, and renamed over the file name when the sink closes with data (or
@@ -56,12 +61,17 @@ public:
     // costs no speed. It is a setting of the open file; the file written is the same.
     static constexpr size_t kDefaultMetadataCacheBytes = 256 * 1024;
     static constexpr std::chrono::milliseconds kCheckpointPeriod{1000};
+    // Also after this many chunks: between checkpoints HDF5 must not have to write chunk-index
+    // nodes out of its small metadata cache, or a killed process could leave an index that
+    // points past the end the file admits to.
+    static constexpr uint64_t kCheckpointChunks = 2048;
     // A write is refused (as a full disk) when less than this is left beyond it: closing the
     // file must still find room for HDF5's cached chunks and metadata.
     static constexpr uint64_t kCloseReserveBytes = 2 << 20;
 
+    // workers: the threads that compress chunks, 0 for one per online CPU.
     explicit SinkHDF5(const std::string& fileName,
-                      size_t metadataCacheBytes = kDefaultMetadataCacheBytes);
+                      size_t metadataCacheBytes = kDefaultMetadataCacheBytes, unsigned workers = 0);
     virtual ~SinkHDF5();
 
     SinkHDF5(const SinkHDF5&) = delete;
@@ -105,6 +115,11 @@ private:
     [[noreturn]] void refuseFile(const std::string& reason);
     void createAttributes();
     void checkpoint();
+    void appendValues(const uint8_t* bytes, size_t length);
+    bool writeOldestChunk(bool wait);
+    void finishChunks();
+    uint64_t storedValues() const;
+    void noteWriteFailure(const H5::Exception& error, int systemError);
     void ensureRoomFor(uint32_t len);
     State finalState(std::string& failure);
     void finishAttributes(State state, const std::string& failure);
@@ -115,6 +130,7 @@ private:
     std::string mFileName;
     std::string mTemporaryName;
     size_t mMetadataCacheBytes;
+    unsigned mWorkers;
     RecordingDescription mDescription;
     std::unique_ptr<H5::H5File> mFile;
     std::unique_ptr<H5::DataSpace> mDataSpace;
@@ -122,6 +138,9 @@ private:
     std::unique_ptr<H5::Attribute> mRecordedValues;
     std::unique_ptr<H5::Attribute> mStateAttribute;
     std::unique_ptr<H5::Attribute> mEndTime;
+    std::unique_ptr<ChunkCompressor> mCompressor;
+    size_t mFill = 0;            // bytes in the chunk being filled
+    uint64_t mChunksWritten = 0; // chunks handed to HDF5
     uint32_t mTotalSize = 0;
     uint32_t mWriteOffset = 0;
     const uint32_t mElementSize = 4;
@@ -132,6 +151,7 @@ private:
     std::atomic<uint32_t> mValuesWritten{0}; // read by discardEmptyRecordings
     uint32_t mCheckpointValues = 0;          // values known to be on disk
     std::chrono::steady_clock::time_point mNextCheckpoint{};
+    uint64_t mCheckpointChunks = 0; // chunks written at the last checkpoint
     uint64_t mFileSizeLimit = ~uint64_t{0};
     bool mWriteFailed = false;
     std::string mWriteFailure; // why our own write failed

@@ -139,6 +139,61 @@ TEST(SinkHDF5, MisuseIsRefusedAndTheOpenFileStaysUsable) {
     EXPECT_EQ(storedValues(path), (std::vector<int32_t>{1, 2, 3, 4}));
 }
 
+// Totals around chunk boundaries, written in pieces that split values and chunks, read back
+// through HDF5's own inflate; with one worker and with one per CPU.
+TEST(SinkHDF5, ValuesSurviveAnyWriteLengthAndChunkBoundary) {
+    for (const unsigned workers : {1u, 0u}) {
+        for (const uint32_t total : {0u, 4u, 16380u, 16384u, 16388u, 300000u, (1u << 20) + 4}) {
+            SCOPED_TRACE(std::to_string(workers) + " workers, " + std::to_string(total));
+            std::vector<int32_t> expected(total / 4);
+            for (size_t i = 0; i < expected.size(); ++i) {
+                // Every seventh chunk noise, which deflate cannot shrink.
+                expected[i] = (i / 4096) % 7 == 3 ? static_cast<int32_t>(i * 2654435761u)
+                                                  : static_cast<int32_t>(i / 3) - 1000;
+            }
+            TempDir dir;
+            SinkHDF5 sink(dir.file("out.h5"), SinkHDF5::kDefaultMetadataCacheBytes, workers);
+            sink.open(total);
+            const uint8_t* bytes = bytesOf(expected);
+            for (uint32_t done = 0, i = 0; done < total; ++i) {
+                const uint32_t piece = std::min<uint32_t>(4 * (1 + i * 977 % 9000), total - done);
+                ASSERT_EQ(sink.write(bytes + done, piece), piece);
+                done += piece;
+            }
+            sink.close();
+            EXPECT_EQ(storedValues(dir.file("out.h5")), expected);
+        }
+    }
+}
+
+// A chunk that deflate cannot shrink is stored raw, marked so in its filter mask.
+TEST(SinkHDF5, IncompressibleChunksAreStoredRawAndMarked) {
+    TempDir dir;
+    std::vector<int32_t> values(2 * 4096);
+    for (size_t i = 0; i < values.size(); ++i) {
+        values[i] = i < 4096 ? static_cast<int32_t>(i * 2654435761u) : 5;
+    }
+    SinkHDF5 sink(dir.file("out.h5"));
+    sink.open(static_cast<uint32_t>(values.size() * 4));
+    sink.write(bytesOf(values), static_cast<uint32_t>(values.size() * 4));
+    sink.close();
+    EXPECT_EQ(storedValues(dir.file("out.h5")), values);
+
+    const H5::DataSet dataSet =
+        H5::H5File(dir.file("out.h5"), H5F_ACC_RDONLY).openDataSet("quarvel");
+    const H5::DataSpace space = dataSet.getSpace();
+    for (const auto& [index, mask] : {std::pair{0u, 1u}, std::pair{1u, 0u}}) {
+        hsize_t offset = 0, size = 0;
+        unsigned filterMask = 99;
+        haddr_t address = 0;
+        ASSERT_GE(H5Dget_chunk_info(dataSet.getId(), space.getId(), index, &offset, &filterMask,
+                                    &address, &size),
+                  0);
+        EXPECT_EQ(filterMask, mask) << "chunk " << index;
+        EXPECT_EQ(size == 16384, mask == 1u) << "chunk " << index;
+    }
+}
+
 std::string stateOf(const std::string& path, uint64_t& recorded, std::string& failure) {
     const H5::DataSet dataSet = H5::H5File(path, H5F_ACC_RDONLY).openDataSet("quarvel");
     dataSet.openAttribute("recorded_values").read(H5::PredType::NATIVE_UINT64, &recorded);
