@@ -1,0 +1,155 @@
+#include "sinks/ChunkCompressor.h"
+
+#include <libdeflate.h>
+
+#include <cstring>
+#include <memory>
+#include <system_error>
+
+#include <unistd.h>
+
+namespace quarvel {
+
+namespace {
+
+struct CompressorDeleter {
+    void operator()(libdeflate_compressor* compressor) const {
+        libdeflate_free_compressor(compressor);
+    }
+};
+using CompressorPtr = std::unique_ptr<libdeflate_compressor, CompressorDeleter>;
+
+// The file stores big-endian values; the samples arrive in the host's order.
+void toBigEndian(const uint8_t* in, uint8_t* out, size_t bytes) {
+    for (size_t i = 0; i + 4 <= bytes; i += 4) {
+        uint32_t value;
+        std::memcpy(&value, in + i, 4);
+#if __BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__
+        value = __builtin_bswap32(value);
+#endif
+        std::memcpy(out + i, &value, 4);
+    }
+}
+
+unsigned onlineCpus() {
+    const long count = ::sysconf(_SC_NPROCESSORS_ONLN);
+    return count > 0 ? static_cast<unsigned>(count) : 1u;
+}
+
+} // namespace
+
+ChunkCompressor::ChunkCompressor(size_t chunkBytes, unsigned workers, int level)
+    : mChunkBytes(chunkBytes), mLevel(level) {
+    const unsigned count = workers == 0 ? onlineCpus() : workers;
+    // Enough chunks in flight to keep every worker busy while the caller writes one out.
+    mSlots.resize(4 * static_cast<size_t>(count));
+    for (Slot& slot : mSlots) {
+        slot.input.resize(chunkBytes);
+        slot.output.resize(chunkBytes);
+    }
+    try {
+        for (unsigned i = 0; i < count; ++i) {
+            mThreads.emplace_back(&ChunkCompressor::work, this);
+        }
+    } catch (const std::system_error&) {
+        // Fewer workers, or none: the caller's thread then compresses.
+    }
+}
+
+ChunkCompressor::~ChunkCompressor() {
+    {
+        std::lock_guard<std::mutex> lock(mMutex);
+        mStopping = true;
+    }
+    mWork.notify_all();
+    for (std::thread& thread : mThreads) {
+        thread.join();
+    }
+    if (mInlineCompressor != nullptr) {
+        libdeflate_free_compressor(mInlineCompressor);
+    }
+}
+
+uint8_t* ChunkCompressor::fillBuffer() {
+    return slotOf(mFilled).input.data();
+}
+
+void ChunkCompressor::submit() {
+    Slot& slot = slotOf(mFilled++);
+    if (mThreads.empty()) {
+        if (mInlineCompressor == nullptr) {
+            mInlineCompressor = libdeflate_alloc_compressor(mLevel);
+            mInlineBigEndian.resize(mChunkBytes);
+        }
+        compress(slot, mInlineCompressor, mInlineBigEndian);
+        std::lock_guard<std::mutex> lock(mMutex);
+        slot.state = State::Done;
+        ++mSubmitted;
+        ++mQueued;
+        return;
+    }
+    {
+        std::lock_guard<std::mutex> lock(mMutex);
+        slot.state = State::Queued;
+        ++mSubmitted;
+    }
+    mWork.notify_one();
+}
+
+ChunkCompressor::Chunk ChunkCompressor::takeOldest(bool wait) {
+    if (inFlight() == 0) {
+        return {};
+    }
+    Slot& slot = slotOf(mTaken);
+    std::unique_lock<std::mutex> lock(mMutex);
+    if (wait) {
+        mDone.wait(lock, [&slot] { return slot.state == State::Done; });
+    } else if (slot.state != State::Done) {
+        return {};
+    }
+    return {slot.output.data(), slot.outputSize, slot.compressed};
+}
+
+void ChunkCompressor::release() {
+    std::lock_guard<std::mutex> lock(mMutex);
+    slotOf(mTaken++).state = State::Free;
+}
+
+void ChunkCompressor::work() {
+    const CompressorPtr compressor(libdeflate_alloc_compressor(mLevel));
+    std::vector<uint8_t> bigEndian(mChunkBytes);
+    std::unique_lock<std::mutex> lock(mMutex);
+    for (;;) {
+        mWork.wait(lock, [this] { return mStopping || mQueued < mSubmitted; });
+        if (mStopping) {
+            return;
+        }
+        Slot& slot = slotOf(mQueued++);
+        slot.state = State::Busy;
+        lock.unlock();
+        compress(slot, compressor.get(), bigEndian);
+        lock.lock();
+        slot.state = State::Done;
+        mDone.notify_one();
+    }
+}
+
+// A chunk that deflate does not make smaller is stored as it is, as HDF5's optional deflate
+// filter would.
+void ChunkCompressor::compress(Slot& slot, libdeflate_compressor* compressor,
+                               std::vector<uint8_t>& bigEndian) const {
+    toBigEndian(slot.input.data(), bigEndian.data(), mChunkBytes);
+    const size_t size = compressor == nullptr
+                            ? 0
+                            : libdeflate_zlib_compress(compressor, bigEndian.data(), mChunkBytes,
+                                                       slot.output.data(), mChunkBytes - 1);
+    slot.compressed = size != 0;
+    if (slot.compressed) {
+        slot.outputSize = size;
+    } else {
+        std::memcpy(slot.output.data(), bigEndian.data(), mChunkBytes);
+        slot.outputSize = mChunkBytes;
+    }
+}
+
+} // namespace quarvel
