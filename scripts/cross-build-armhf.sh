@@ -6,13 +6,13 @@
 # Installs the host packages it needs, makes the armhf sysroot, configures build-armhf
 # with cmake/toolchain-armhf.cmake, builds, checks the binary is 32-bit ARM, runs ctest and
 # makes build-armhf/quarvel_<version>_armhf.deb (checked with lintian when it is installed).
-# Environment: QUARVEL_ARMHF_SYSROOT (default <repo>/sysroot-armhf; point it outside the
+# Environment: QUARVEL_SYSROOT (default <repo>/sysroot-armhf; point it outside the
 # work tree to keep it between fresh clones), QUARVEL_ARMHF_BUILD (default
 # <repo>/build-armhf), QUARVEL_JOBS (default: number of cores).
 set -euo pipefail
 
 repo="$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd -P)"
-sysroot="${QUARVEL_ARMHF_SYSROOT:-$repo/sysroot-armhf}"
+sysroot="${QUARVEL_SYSROOT:-$repo/sysroot-armhf}"
 build="${QUARVEL_ARMHF_BUILD:-$repo/build-armhf}"
 jobs="${QUARVEL_JOBS:-$(nproc)}"
 
@@ -87,7 +87,11 @@ t_test=$(($(now) - t0))
 
 # The board's build must record the same data as the development machine's. The data are
 # compared, not the whole files: attributes such as the start and end time differ per run.
-if [[ -x "$repo/build/quarvel" ]] && command -v h5dump >/dev/null; then
+if [[ ! -x "$repo/build/quarvel" ]]; then
+  echo "no native build/quarvel: the ARM mock recording is not compared with a native one" >&2
+elif ! command -v h5dump >/dev/null; then
+  echo "no h5dump (hdf5-tools): the ARM mock recording is not compared with a native one" >&2
+else
   step "mock recording: emulated ARM binary against the native one"
   compare="$(mktemp -d)"
   qemu="$(command -v qemu-arm || command -v qemu-arm-static)"
