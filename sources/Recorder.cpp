@@ -117,6 +117,9 @@ uint32_t Recorder::readAvailable(uint8_t* buffer, uint32_t bufferLen) {
     }
     // 1 is the error indicator, as the C stream would report it.
     pellumDoLog(Severity::Error, "Got error %d while reading on recorder device", {}, 1);
+    // The same text each time, so that the logger holds back the repeats of a failing device.
+    pellumDoLog(Severity::Error, "reading %s failed: %s", {}, mDevicePath.c_str(),
+                std::strerror(error));
     return 0;
 }
 
@@ -226,12 +229,37 @@ uint32_t Recorder::readFromSysfs(const std::string& entryName) {
 void Recorder::setToSysfs(const std::string& entryName, uint32_t value) {
     pellumDoLog(Severity::Debug, "+setToSysfs(entryName=%s, value = 0x%08x)", {}, entryName.c_str(),
                 value);
-    std::ofstream out(mSysfsRoot + "/" + entryName, std::ios::out | std::ios::trunc);
-    if (!out.is_open()) {
+    const std::string path = mSysfsRoot + "/" + entryName;
+    // O_CREAT as the stream did before: a stand-in control directory starts empty.
+    const int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666);
+    if (fd < 0) {
+        pellumDoLog(Severity::Error, "cannot open sysfs entry %s: %s", {}, path.c_str(),
+                    std::strerror(errno));
         throw std::runtime_error("Could not open sysfs entry");
     }
-    // No line end: the attribute takes the bare number.
-    out << value;
+    // No line end: the attribute takes the bare number. A driver refuses a value by failing
+    // the write, which a stream would only remember in its state.
+    const std::string text = std::to_string(value);
+    int error = 0;
+    for (size_t done = 0; done < text.size() && error == 0;) {
+        const ssize_t n = ::write(fd, text.data() + done, text.size() - done);
+        if (n > 0) {
+            done += static_cast<size_t>(n);
+        } else if (n == 0) {
+            error = EIO; // nothing taken and no reason given: retrying would spin
+        } else if (errno != EINTR) {
+            error = errno;
+        }
+    }
+    // Some file systems report a failed write only at close.
+    if (::close(fd) != 0 && error == 0) {
+        error = errno;
+    }
+    if (error != 0) {
+        pellumDoLog(Severity::Error, "cannot write sysfs entry %s: %s", {}, path.c_str(),
+                    std::strerror(error));
+        throw std::runtime_error("Could not write sysfs entry");
+    }
 }
 
 } // namespace quarvel

@@ -45,6 +45,7 @@ public:
     void configure(uint32_t srcAddr, uint32_t bytesCount, uint32_t dataRate) override;
 
     uint32_t readFromSysfs(const std::string& entryName);
+    // Logs the path and the system's reason before it throws.
     void setToSysfs(const std::string& entryName, uint32_t value);
 
     const std::string& sysfsRoot() const { return mSysfsRoot; }

@@ -8,10 +8,12 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <chrono>
 #include <csignal>
 #include <cstring>
 #include <filesystem>
+#include <functional>
 #include <iterator>
 #include <regex>
 #include <sstream>
@@ -19,6 +21,7 @@
 #include <vector>
 
 #include <sched.h>
+#include <sys/ioctl.h>
 #include <sys/mount.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
@@ -197,27 +200,44 @@ TEST(Cli, RunsThatCannotStartReportExactly) {
         "lumetra\tDecode data from Lumetra ADC (Signal or Lock)\n"
         "mock\tMock data recorder, HDF5 sink\n"
         "tavoadc\tDecode data from Tavo ADC (Signal or Lock)\n\n";
-    const std::tuple<std::vector<std::string>, int, std::string, std::string> cases[] = {
-        {{},
-         1,
-         options,
-         "no file argument provided but required\nno data-bytes argument provided but required\n"
-         "no configuration name provided, but required\nno recorder device provided\n"},
-        {{"--data-rate=10"}, 1, options, ""}, // reported in the log
-        {argsFor(file, 4096, "MOCK"), 2, "", schemes},
-        {argsFor(file, 6), 42, "", "EXCPETION THROWNbytesCount must be a multiple of 4\n"},
-        {argsFor(file, 4096, "int32"), 42, "",
-         "EXCPETION THROWNFailed to get stat from cdev, file exist?\n"},
-        // HDF5's own exception type is no std::exception.
-        {argsFor(dir.file("missing/rec.h5"), 4096), 43, "", "UNKNOWN EXCEPTION THROWN\n"}};
-    for (const auto& [args, exitCode, out, err] : cases) {
+    const std::string unknown = "UNKNOWN EXCEPTION THROWN\n";
+    // The last field is a log line that must be among the others (empty: none asked for).
+    const std::tuple<std::vector<std::string>, int, std::string, std::string, std::string> cases[] =
+        {{{},
+          1,
+          options,
+          "no file argument provided but required\nno data-bytes argument provided but required\n"
+          "no configuration name provided, but required\nno recorder device provided\n",
+          ""},
+         {{"--data-rate=10"}, 1, options, "", ""}, // reported in the log
+         {argsFor(file, 4096, "MOCK"), 2, "", schemes, ""},
+         {argsFor(file, 6), 42, "", "EXCPETION THROWNbytesCount must be a multiple of 4\n", ""},
+         {argsFor(file, 4096, "int32"), 42, "",
+          "EXCPETION THROWNFailed to get stat from cdev, file exist?\n", ""},
+         // Destinations that cannot be created; HDF5's own exception type is no
+         // std::exception.
+         {argsFor(dir.file("missing/rec.h5"), 4096), 43, "", unknown,
+          "ERROR [SinkHDF5] cannot create " + dir.file("missing/rec.h5") +
+              ": No such file or directory"},
+         {argsFor(dir.path(), 4096), 43, "", unknown,
+          "ERROR [SinkHDF5] cannot create " + dir.path() + ": Is a directory"},
+         {argsFor("/dev/full", 4096), 43, "", unknown,
+          "ERROR [SinkHDF5] cannot create /dev/full: Not a regular file"}};
+    for (const auto& [args, exitCode, out, err, logLine] : cases) {
         SCOPED_TRACE(::testing::PrintToString(args));
         const RunResult run = runQuarvel({args});
         EXPECT_EQ(run.exitCode, exitCode);
         EXPECT_EQ(run.out, out);
         EXPECT_EQ(withoutLogLines(run.err), err);
+        if (!logLine.empty()) {
+            EXPECT_THAT(run.err, ::testing::HasSubstr("Z " + logLine + "\n"));
+        }
     }
     EXPECT_NE(access(file.c_str(), F_OK), 0);
+    EXPECT_TRUE(std::filesystem::is_empty(dir.path()))
+        << "a run that could not start left something behind";
+    EXPECT_FALSE(exists(dir.path() + ".part"));
+    EXPECT_FALSE(exists("/dev/full.part"));
 }
 
 // The values from index 0 up to what the file says it recorded are the decoded counter.
@@ -516,6 +536,124 @@ TEST_F(RecorderSchemes, StalledDeviceStopsPromptlyWithEverythingItDelivered) {
     EXPECT_LT(silent.stopLatency, kSanitized ? 3s : 1s);
     EXPECT_EQ(readFile(output), "an older recording");
     EXPECT_FALSE(exists(output + ".part"));
+}
+
+// What the program logged: the lines that begin with a time stamp.
+long logLineCount(const std::string& err) {
+    const std::regex line(R"((^|\n)\d{4}-\d\d-\d\dT\S*Z )");
+    return std::distance(std::sregex_iterator(err.begin(), err.end(), line),
+                         std::sregex_iterator());
+}
+
+// Unmounts what a test mounted in the private namespace, also when the test fails early.
+struct MountGuard {
+    std::string path;
+    ~MountGuard() { ::umount2(path.c_str(), MNT_DETACH); }
+};
+
+// The fixture's namespace also keeps this small file system to the test.
+TEST_F(RecorderSchemes, FullDiskFailsTheRunAndTheFileSaysWhy) {
+    TempDir disk;
+    ASSERT_EQ(::mount("none", disk.path().c_str(), "tmpfs", 0, "size=8m"), 0)
+        << std::strerror(errno);
+    const MountGuard unmount{disk.path()};
+    const std::string file = disk.file("rec.h5");
+    const RunResult run = runQuarvel({argsFor(file, 256u << 20)});
+    EXPECT_EQ(run.exitCode, 2);
+    EXPECT_EQ(withoutLogLines(run.err),
+              "Transfer to file failed, error = transfer aborted\nunknown\n\n");
+    EXPECT_THAT(run.err, ::testing::HasSubstr("Z ERROR [SinkHDF5] writing " + file +
+                                              " failed: No space left on device\n"));
+    const Description d = describe(file);
+    EXPECT_EQ(d.state, "failed");
+    EXPECT_THAT(d.failure, ::testing::HasSubstr("No space left on device"));
+    EXPECT_GT(d.recordedValues, 0u);
+    expectMockPrefix(file, d.recordedValues);
+}
+
+// The attributes written before the one that fails stay written, those after it are not.
+TEST_F(RecorderSchemes, AttributeThatCannotBeWrittenIsNamedWithTheReason) {
+    const std::string control = "/sys/dev/char/0:0/device/control";
+    const std::string datacount = control + "/datacount";
+    writeFile(device, recorderWords(1024));
+    const std::tuple<std::function<void()>, std::string, std::string> cases[] = {
+        {[&] { fs::create_directory(datacount); }, "EXCPETION THROWNCould not open sysfs entry\n",
+         "ERROR [Recoder] cannot open sysfs entry " + datacount + ": Is a directory"},
+        // As a driver that refuses the value: the open works, the write fails.
+        {[&] { fs::create_symlink("/dev/full", datacount); },
+         "EXCPETION THROWNCould not write sysfs entry\n",
+         "ERROR [Recoder] cannot write sysfs entry " + datacount + ": No space left on device"}};
+    for (const auto& [makeDatacount, err, logLine] : cases) {
+        SCOPED_TRACE(err);
+        fs::remove_all(control); // a symlink goes, not what it points to
+        fs::create_directories(control);
+        makeDatacount();
+        std::vector<std::string> args = argsFor(output, 4096, "int32", device);
+        args.push_back("--src-addr=8192");
+        const RunResult run = runQuarvel({args});
+        EXPECT_EQ(run.exitCode, 42);
+        EXPECT_EQ(withoutLogLines(run.err), err);
+        EXPECT_THAT(run.err, ::testing::HasSubstr("Z " + logLine + "\n"));
+        EXPECT_EQ(readFile(control + "/srcmemaddr"), "8192");
+        EXPECT_FALSE(exists(control + "/datarate"));
+        EXPECT_FALSE(exists(output));
+    }
+}
+
+// A directory opens as a device, but each read fails: the reason is told, the repeats are held
+// back. Besides those two lines only the stop is logged.
+TEST_F(RecorderSchemes, DeviceWhoseReadsFailDoesNotFloodTheLog) {
+    const std::string directory = dir.file("directory");
+    ASSERT_TRUE(fs::create_directory(directory));
+    const RunResult run = runQuarvel({argsFor(output, 4096, "int32", directory), SIGTERM, 2s});
+    EXPECT_EQ(run.exitCode, 1);
+    EXPECT_EQ(withoutLogLines(run.err), "transfer abort requested by user (sigterm)\n");
+    EXPECT_THAT(run.err, ::testing::HasSubstr(
+                             "Z ERROR [Recoder] Got error 1 while reading on recorder device\n"));
+    EXPECT_THAT(run.err, ::testing::HasSubstr("Z ERROR [Recoder] reading " + directory +
+                                              " failed: Is a directory\n"));
+    EXPECT_LE(logLineCount(run.err), 4) << run.err;
+}
+
+// The FIFO's writer goes away (the program meets its end) and another one brings the rest.
+TEST_F(RecorderSchemes, FifoWriterThatComesBackCompletesTheRecording) {
+    ASSERT_EQ(::mkfifo(device.c_str(), 0600), 0);
+    const std::string words = recorderWords(16384); // each half fits into the pipe
+    const size_t half = words.size() / 2;
+    // Read-write, so that the first half waits in the FIFO before the program opens it;
+    // close-on-exec, so that the program holds no writer of its own.
+    const int first = ::open(device.c_str(), O_RDWR | O_CLOEXEC);
+    ASSERT_GE(first, 0);
+    ASSERT_EQ(::write(first, words.data(), half), static_cast<ssize_t>(half));
+    std::atomic<bool> ended{false};
+    std::thread feed([&] {
+        int pending = 1;
+        while (!ended && ::ioctl(first, FIONREAD, &pending) == 0 && pending > 0) {
+            std::this_thread::sleep_for(5ms);
+        }
+        ::close(first);
+        std::this_thread::sleep_for(1s); // meanwhile the program reads the end of the FIFO
+        if (ended) {
+            return;
+        }
+        const int second = ::open(device.c_str(), O_WRONLY | O_NONBLOCK | O_CLOEXEC);
+        ASSERT_GE(second, 0) << std::strerror(errno);
+        EXPECT_EQ(::write(second, words.data() + half, words.size() - half),
+                  static_cast<ssize_t>(words.size() - half));
+        ::close(second);
+    });
+    std::vector<std::string> args =
+        argsFor(output, static_cast<uint32_t>(words.size()), "int32", device);
+    args.push_back("--log-level=info");
+    const RunResult run = runQuarvel({args, SIGTERM, 20s}); // the signal only ends a hang
+    ended = true;
+    feed.join();
+    EXPECT_EQ(run.exitCode, 0);
+    EXPECT_EQ(withoutLogLines(run.err), "");
+    EXPECT_THAT(run.err, ::testing::HasSubstr("Reached end of file on recorder device"));
+    EXPECT_NE(run.out.find("Transfer successful"), std::string::npos);
+    EXPECT_EQ(describe(output).state, "complete");
+    EXPECT_EQ(readRecording(output).values, decoded("int32", words));
 }
 
 } // namespace

@@ -12,7 +12,9 @@
 #include <csignal>
 #include <cstring>
 #include <filesystem>
+#include <functional>
 #include <memory>
+#include <sstream>
 #include <stdexcept>
 #include <string>
 #include <thread>
@@ -32,6 +34,7 @@ using test::readFile;
 using test::StderrCapture;
 using test::TempDir;
 using test::writeFile;
+using ::testing::EndsWith;
 using ::testing::HasSubstr;
 using ::testing::StrEq;
 using ::testing::ThrowsMessage;
@@ -112,7 +115,8 @@ TEST_F(RecorderTest, StatusBitsAndUnreadableStatus) {
     EXPECT_THAT([&] { recorder.failed(); }, ThrowsMessage<std::out_of_range>(StrEq("stoul")));
 }
 
-// Bare numbers, in order; an attribute that cannot be written stops the rest.
+// Bare numbers, in order; an attribute that cannot be opened or written stops the rest, and
+// the log names it with the system's reason.
 TEST_F(RecorderTest, ConfigureWritesInOrderAndStopsAtTheFirstFailure) {
     Recorder recorder(device, control);
     recorder.configure(4294967295u, 4096, 55);
@@ -120,12 +124,28 @@ TEST_F(RecorderTest, ConfigureWritesInOrderAndStopsAtTheFirstFailure) {
     EXPECT_EQ(readFile(control + "/datacount"), "4096");
     EXPECT_EQ(readFile(control + "/datarate"), "55");
 
-    const std::string datacount = control + "/datacount"; // a directory cannot be written
-    ASSERT_TRUE(std::filesystem::remove(datacount) && std::filesystem::create_directory(datacount));
-    EXPECT_THAT([&] { recorder.configure(0, 4096, 3); },
-                ThrowsMessage<std::runtime_error>(StrEq("Could not open sysfs entry")));
-    EXPECT_EQ(readFile(control + "/srcmemaddr"), "0");
-    EXPECT_EQ(readFile(control + "/datarate"), "55") << "written after the failure";
+    const std::string datacount = control + "/datacount";
+    // A directory cannot be opened for writing; /dev/full takes the open and fails the write.
+    const std::tuple<std::function<void()>, const char*, std::string> cases[] = {
+        {[&] { std::filesystem::create_directory(datacount); }, "Could not open sysfs entry",
+         "ERROR [Recoder] cannot open sysfs entry " + datacount + ": " + std::strerror(EISDIR)},
+        {[&] { std::filesystem::create_symlink("/dev/full", datacount); },
+         "Could not write sysfs entry",
+         "ERROR [Recoder] cannot write sysfs entry " + datacount + ": " + std::strerror(ENOSPC)}};
+    uint32_t srcAddr = 0;
+    for (const auto& [makeDatacount, what, logLine] : cases) {
+        SCOPED_TRACE(what);
+        ASSERT_TRUE(std::filesystem::remove(datacount));
+        makeDatacount();
+        StderrCapture capture(1);
+        EXPECT_THAT([&] { recorder.configure(++srcAddr, 4096, 3); },
+                    ThrowsMessage<std::runtime_error>(StrEq(what)));
+        const std::string log = capture.text();
+        EXPECT_EQ(std::count(log.begin(), log.end(), '\n'), 1) << log;
+        EXPECT_THAT(log, EndsWith(" " + logLine + "\n"));
+        EXPECT_EQ(readFile(control + "/srcmemaddr"), std::to_string(srcAddr));
+        EXPECT_EQ(readFile(control + "/datarate"), "55") << "written after the failure";
+    }
 }
 
 TEST_F(RecorderTest, FileIsReadExactlyAndASecondStartReplacesTheStream) {
@@ -221,6 +241,30 @@ TEST_F(RecorderTest, FifoIsReadUnbufferedAndEveryByteArrivesInOrder) {
     late.join();
     EXPECT_EQ(recorder.read(buffer.data(), 64), 4u);
     ::close(back);
+}
+
+// A directory opens as a device but every read fails: the reason is told once, and the same
+// two lines each time let the logger hold back the repeats.
+TEST_F(RecorderTest, FailingReadsAreToldOnceWithTheReason) {
+    const std::string directory = dir.file("directory");
+    ASSERT_EQ(::mkdir(directory.c_str(), 0700), 0);
+    Recorder recorder(directory, control);
+    StderrCapture capture(1);
+    recorder.start();
+    std::vector<uint8_t> buffer(8);
+    for (int i = 0; i < 5; ++i) {
+        EXPECT_EQ(recorder.read(buffer.data(), 8), 0u);
+        EXPECT_FALSE(recorder.isEndOfData());
+    }
+    std::istringstream log(capture.text());
+    std::vector<std::string> messages; // without their time stamps
+    for (std::string line; std::getline(log, line);) {
+        messages.push_back(line.substr(line.find(' ') + 1));
+    }
+    EXPECT_THAT(messages,
+                ::testing::ElementsAre(
+                    "ERROR [Recoder] Got error 1 while reading on recorder device",
+                    "ERROR [Recoder] reading " + directory + " failed: " + std::strerror(EISDIR)));
 }
 
 std::atomic<int> gSignalsSeen{0};
