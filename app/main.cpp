@@ -5,7 +5,6 @@
 #include <cstdlib>
 
 int main(int argc, char** argv) {
-    quarvel::keepFreedMemoryForChunks();
     int exitCode = 0;
     {
         quarvel::QuarvelApp app(argc, argv);
