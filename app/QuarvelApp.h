@@ -25,8 +25,6 @@ public:
     void abortMovers(const std::vector<std::shared_ptr<AbstractDataMover>>& movers);
     std::string collectErrors(const std::vector<std::shared_ptr<AbstractDataMover>>& movers);
 
-    const std::shared_ptr<CommandLineOptions>& options() const { return mOptions; }
-
 private:
     struct Run;
 

@@ -54,13 +54,12 @@ foreach(_dir "${QUARVEL_SYSROOT}/lib/${_quarvel_triplet}" "${QUARVEL_SYSROOT}/us
   string(APPEND CMAKE_SHARED_LINKER_FLAGS_INIT " -Wl,-rpath-link,${_dir}")
 endforeach()
 
-# Built programs run through qemu-arm with the sysroot as the ARM root. QUARVEL_EMULATED
-# reaches the emulated program's environment, so a test can tell it is not on the board.
+# Built programs run through qemu-arm with the sysroot as the ARM root.
 find_program(QUARVEL_QEMU_ARM NAMES qemu-arm qemu-arm-static)
 if(NOT QUARVEL_QEMU_ARM)
   message(FATAL_ERROR "qemu-arm not found (apt-get install qemu-user or qemu-user-static)")
 endif()
-set(CMAKE_CROSSCOMPILING_EMULATOR "${QUARVEL_QEMU_ARM};-L;${QUARVEL_SYSROOT};-E;QUARVEL_EMULATED=1")
+set(CMAKE_CROSSCOMPILING_EMULATOR "${QUARVEL_QEMU_ARM};-L;${QUARVEL_SYSROOT}")
 
 # pkg-config must see the sysroot's .pc files only, and prefix the paths they name.
 set(ENV{PKG_CONFIG_SYSROOT_DIR} "${QUARVEL_SYSROOT}")

@@ -1,5 +1,7 @@
 #include "configurations/Schemes.h"
 
+#include "dataflow/AbstractDecoder.h"
+#include "dataflow/AbstractRecorder.h"
 #include "decoders/DecoderLumetraDds.h"
 #include "decoders/DecoderTavoADC.h"
 #include "sinks/SinkHDF5.h"
@@ -15,8 +17,9 @@ std::shared_ptr<AbstractRecorder> makeRecorder(const CommandLineOptions& options
     return std::make_shared<Recorder>(device);
 }
 
-} // namespace
-
+// The part of every scheme's chain building after its source and decoder exist: creates the
+// HDF5 sink, checks that the decoder can deliver the decoded size, programs the source and
+// wraps the elements in holders. decoder may be empty.
 Chain completeChain(const std::shared_ptr<AbstractRecorder>& source, std::string sourceName,
                     const std::shared_ptr<AbstractDecoder>& decoder, std::string decoderName,
                     const CommandLineOptions& options) {
@@ -43,6 +46,8 @@ Chain completeChain(const std::shared_ptr<AbstractRecorder>& source, std::string
     chain.push_back(std::make_shared<DataSinkOrSource>(nullptr, sink, "H5 file"));
     return chain;
 }
+
+} // namespace
 
 Chain ConfigurationMock::buildChain(const std::shared_ptr<CommandLineOptions>& options) const {
     std::shared_ptr<AbstractRecorder> source = std::make_shared<MockRecorder>();

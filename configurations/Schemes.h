@@ -1,17 +1,8 @@
 #pragma once
 
 #include "configurations/AbstractConfiguration.h"
-#include "dataflow/AbstractDecoder.h"
-#include "dataflow/AbstractRecorder.h"
 
 namespace quarvel {
-
-// The part of every scheme's chain building after its source and decoder exist: creates the
-// HDF5 sink, checks that the decoder can deliver the decoded size, programs the source and
-// wraps the elements in holders. decoder may be empty.
-Chain completeChain(const std::shared_ptr<AbstractRecorder>& source, std::string sourceName,
-                    const std::shared_ptr<AbstractDecoder>& decoder, std::string decoderName,
-                    const CommandLineOptions& options);
 
 class ConfigurationMock : public ConfigurationBase {
 public:

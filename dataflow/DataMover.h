@@ -42,7 +42,6 @@ public:
     std::shared_ptr<AbstractDecoder> decoderSink() override { return mDecoderSink; }
     void printProgress(std::ostream& out) const override;
 
-    uint32_t bytesTransferred() const { return mBytesTransferred.load(); }
     uint32_t transferRate() const { return mTransferRate.load(); }
 
     uint32_t computeBufferSize();

@@ -4,22 +4,22 @@
 
 namespace quarvel {
 
-DataSinkOrSource::DataSinkOrSource(std::shared_ptr<AbstractDataSource> source_,
-                                   std::shared_ptr<AbstractDataSink> sink_, std::string name_)
-    : source(std::move(source_)), sink(std::move(sink_)), mName(std::move(name_)) {}
+DataSinkOrSource::DataSinkOrSource(std::shared_ptr<AbstractDataSource> source,
+                                   std::shared_ptr<AbstractDataSink> sink, std::string name)
+    : mSource(std::move(source)), mSink(std::move(sink)), mName(std::move(name)) {}
 
 std::shared_ptr<AbstractDataSource> DataSinkOrSource::getSource() const {
-    if (!source) {
+    if (!mSource) {
         throw std::runtime_error("Is not a source");
     }
-    return source;
+    return mSource;
 }
 
 std::shared_ptr<AbstractDataSink> DataSinkOrSource::getSink() const {
-    if (!sink) {
+    if (!mSink) {
         throw std::runtime_error("Is not a sink");
     }
-    return sink;
+    return mSink;
 }
 
 } // namespace quarvel

@@ -15,16 +15,15 @@ public:
     DataSinkOrSource(std::shared_ptr<AbstractDataSource> source,
                      std::shared_ptr<AbstractDataSink> sink, std::string name);
 
-    bool isSource() const { return static_cast<bool>(source); }
-    bool isSink() const { return static_cast<bool>(sink); }
+    bool isSource() const { return static_cast<bool>(mSource); }
+    bool isSink() const { return static_cast<bool>(mSink); }
     std::shared_ptr<AbstractDataSource> getSource() const;
     std::shared_ptr<AbstractDataSink> getSink() const;
     std::string name() const { return mName; }
 
-    std::shared_ptr<AbstractDataSource> source;
-    std::shared_ptr<AbstractDataSink> sink;
-
 private:
+    std::shared_ptr<AbstractDataSource> mSource;
+    std::shared_ptr<AbstractDataSink> mSink;
     std::string mName;
 };
 

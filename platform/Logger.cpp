@@ -14,16 +14,8 @@ namespace morvik::pellum::log {
 std::atomic<int> gThreshold{static_cast<int>(Severity::Error)};
 
 namespace {
+
 std::atomic<std::int64_t> gRepeatWindowMs{10000};
-} // namespace
-
-void setThreshold(int value) {
-    gThreshold.store(value, std::memory_order_relaxed);
-}
-
-int threshold() {
-    return gThreshold.load(std::memory_order_relaxed);
-}
 
 const char* severityName(Severity severity) {
     switch (severity) {
@@ -39,6 +31,16 @@ const char* severityName(Severity severity) {
         return "DEBUG";
     }
     return "NOTICE";
+}
+
+} // namespace
+
+void setThreshold(int value) {
+    gThreshold.store(value, std::memory_order_relaxed);
+}
+
+int threshold() {
+    return gThreshold.load(std::memory_order_relaxed);
 }
 
 void setRepeatWindow(std::chrono::milliseconds window) {

@@ -15,8 +15,6 @@ namespace morvik::pellum::log {
 // Lower values are more severe; 3 is reserved and never emitted by the program.
 enum class Severity : int { Fatal = 0, Error = 1, Warning = 2, Info = 4, Debug = 5 };
 
-const char* severityName(Severity severity);
-
 // Messages more verbose than the threshold are dropped before any formatting.
 void setThreshold(int threshold);
 int threshold();
@@ -88,8 +86,6 @@ public:
 
     void pellumDoLog(Severity severity, const std::string_view& format,
                      const std::function<std::string()>& context, ...) const;
-
-    const std::string& loggerName() const { return mName; }
 
 private:
     std::string mName;
