@@ -25,8 +25,7 @@ template <typename T> bool take(const po::variables_map& values, const char* nam
 } // namespace
 
 CommandLineOptions::CommandLineOptions(const std::vector<std::string>& args)
-    : morvik::pellum::log::Logger("CommandLineOptions", std::string(),
-                                  std::make_shared<morvik::pellum::log::LoggerImpl>()),
+    : morvik::pellum::log::Logger(makeLogger("CommandLineOptions")),
       mDescription("Supported Options", po::options_description::m_default_line_length,
                    po::options_description::m_default_line_length / 2) {
     // "data-rate" is parsed as a character: the stored number is that character's code.

@@ -6,12 +6,11 @@
 #include "dataflow/ChainAssembly.h"
 #include "dataflow/RunOutcome.h"
 #include "platform/Logger.h"
+#include "platform/Sleep.h"
 #include "sinks/SinkHDF5.h"
 
-#include <cerrno>
+#include <algorithm>
 #include <chrono>
-#include <cstring>
-#include <ctime>
 #include <exception>
 #include <functional>
 #include <iostream>
@@ -53,11 +52,7 @@ void waitPollPeriod(const std::function<bool()>& ended) {
         if (left <= std::chrono::steady_clock::duration::zero()) {
             return;
         }
-        const auto nap = std::chrono::duration_cast<std::chrono::nanoseconds>(
-            std::min<std::chrono::steady_clock::duration>(kGlance, left));
-        // A signal only shortens the nap; the loop looks again.
-        timespec request{0, static_cast<long>(nap.count())};
-        nanosleep(&request, nullptr);
+        sleepFor(std::min<std::chrono::steady_clock::duration>(kGlance, left));
     }
 }
 

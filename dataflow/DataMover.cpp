@@ -68,8 +68,7 @@ void writeProgress(std::ostream& out, uint32_t done, uint32_t total, uint32_t by
 
 DataMover::DataMover(std::shared_ptr<AbstractDataSource> source,
                      std::shared_ptr<AbstractDataSink> sink, std::string name)
-    : morvik::pellum::log::Logger("DataMover (name=" + name + ")", std::string(),
-                                  std::make_shared<morvik::pellum::log::LoggerImpl>()),
+    : morvik::pellum::log::Logger(makeLogger("DataMover (name=" + name + ")")),
       mSource(std::move(source)), mSink(std::move(sink)), mName(std::move(name)),
       mDecoderSink(std::dynamic_pointer_cast<AbstractDecoder>(mSink)) {}
 

@@ -1,16 +1,13 @@
 #include "decoders/DecoderLumetraDds.h"
 
 #include <limits>
-#include <memory>
 #include <stdexcept>
 #include <string>
 
 namespace quarvel {
 
 DecoderLumetraDds::DecoderLumetraDds(size_t capacitySamples)
-    : morvik::pellum::log::Logger(kLoggerName, std::string(),
-                                  std::make_shared<morvik::pellum::log::LoggerImpl>()),
-      QueueDecoder(capacitySamples, 2) {}
+    : morvik::pellum::log::Logger(makeLogger(kLoggerName)), QueueDecoder(capacitySamples, 2) {}
 
 uint32_t DecoderLumetraDds::outputSizeFor(uint32_t inputSize) {
     constexpr uint32_t kMax = std::numeric_limits<uint32_t>::max();

@@ -1,14 +1,9 @@
 #include "decoders/DecoderTavoADC.h"
 
-#include <memory>
-#include <string>
-
 namespace quarvel {
 
 DecoderTavoADC::DecoderTavoADC(size_t capacitySamples)
-    : morvik::pellum::log::Logger(kLoggerName, std::string(),
-                                  std::make_shared<morvik::pellum::log::LoggerImpl>()),
-      QueueDecoder(capacitySamples, 1) {}
+    : morvik::pellum::log::Logger(makeLogger(kLoggerName)), QueueDecoder(capacitySamples, 1) {}
 
 void DecoderTavoADC::decode(const uint8_t* words, uint32_t len, std::deque<int32_t>& out) const {
     for (uint32_t i = 0; i < len; i += 4) {

@@ -179,6 +179,26 @@ void emitToDefault(Severity severity, const std::string& name, const std::string
     impl.emit(severity, name, second, message);
 }
 
+// The message of one enabled call, unless repeats holds it back, goes to impl, or to the
+// default back end when there is none.
+void logWith(RepeatFilter& repeats, LoggerImplInterface* impl, const std::string& name,
+             const std::string& second, Severity severity, const std::string_view& format,
+             const std::function<std::string()>& context, va_list args) {
+    std::string message = formatMessage(format, args);
+    std::uint64_t held = 0;
+    std::chrono::steady_clock::duration span{};
+    if (!repeats.admit(severity, message, held, span)) {
+        return;
+    }
+    appendContext(message, context);
+    appendHeldBack(message, held, span);
+    if (impl) {
+        impl->emit(severity, name, second, message);
+    } else {
+        emitToDefault(severity, name, second, message);
+    }
+}
+
 } // namespace
 
 void LoggerImpl::emit(Severity severity, const std::string& name, const std::string& second,
@@ -235,20 +255,8 @@ void Logger::pellumDoLog(Severity severity, const std::string_view& format,
     }
     va_list args;
     va_start(args, context);
-    std::string message = formatMessage(format, args);
+    logWith(mRepeats, mImpl.get(), mName, mSecond, severity, format, context, args);
     va_end(args);
-    std::uint64_t held = 0;
-    std::chrono::steady_clock::duration span{};
-    if (!mRepeats.admit(severity, message, held, span)) {
-        return;
-    }
-    appendContext(message, context);
-    appendHeldBack(message, held, span);
-    if (mImpl) {
-        mImpl->emit(severity, mName, mSecond, message);
-    } else {
-        emitToDefault(severity, mName, mSecond, message);
-    }
 }
 
 void pellumDoLog(Severity severity, const std::string_view& format,
@@ -258,16 +266,18 @@ void pellumDoLog(Severity severity, const std::string_view& format,
     }
     va_list args;
     va_start(args, context);
-    std::string message = formatMessage(format, args);
+    logWith(freeFunctionRepeats(), nullptr, "quarvel", std::string(), severity, format, context,
+            args);
     va_end(args);
-    std::uint64_t held = 0;
-    std::chrono::steady_clock::duration span{};
-    if (!freeFunctionRepeats().admit(severity, message, held, span)) {
-        return;
-    }
-    appendContext(message, context);
-    appendHeldBack(message, held, span);
-    emitToDefault(severity, "quarvel", std::string(), message);
 }
 
 } // namespace morvik::pellum::log
+
+namespace quarvel {
+
+morvik::pellum::log::Logger makeLogger(std::string name) {
+    return morvik::pellum::log::Logger(std::move(name), std::string(),
+                                       std::make_shared<morvik::pellum::log::LoggerImpl>());
+}
+
+} // namespace quarvel

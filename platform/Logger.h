@@ -98,3 +98,10 @@ void pellumDoLog(Severity severity, const std::string_view& format,
                  const std::function<std::string()>& context, ...);
 
 } // namespace morvik::pellum::log
+
+namespace quarvel {
+
+// The logger of the program's classes: their name, no second name, lines on standard error.
+morvik::pellum::log::Logger makeLogger(std::string name);
+
+} // namespace quarvel

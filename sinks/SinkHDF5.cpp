@@ -212,10 +212,9 @@ bool SinkHDF5::hasAbandonedFiles() {
 }
 
 SinkHDF5::SinkHDF5(const std::string& fileName, size_t metadataCacheBytes, unsigned workers)
-    : morvik::pellum::log::Logger("SinkHDF5", std::string(),
-                                  std::make_shared<morvik::pellum::log::LoggerImpl>()),
-      mFileName(fileName), mTemporaryName(temporaryName(fileName)),
-      mMetadataCacheBytes(metadataCacheBytes), mWorkers(workers) {
+    : morvik::pellum::log::Logger(makeLogger("SinkHDF5")), mFileName(fileName),
+      mTemporaryName(temporaryName(fileName)), mMetadataCacheBytes(metadataCacheBytes),
+      mWorkers(workers) {
     silenceHdf5ErrorPrinting();
 }
 

@@ -1,5 +1,6 @@
 #include "platform/Logger.h"
 #include "platform/MorvikApplication.h"
+#include "platform/Sleep.h"
 #include "platform/Version.h"
 
 #include "tests/support/TestSupport.h"
@@ -7,10 +8,13 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <atomic>
 #include <chrono>
 #include <csignal>
 #include <regex>
 #include <thread>
+
+#include <pthread.h>
 
 namespace quarvel::test {
 namespace {
@@ -48,7 +52,7 @@ std::vector<std::string> linesOf(const std::string& text) {
 TEST(Logger, OneWholeLinePerMessageAboveTheThreshold) {
     int built = 0;
     const std::function<std::string()> context = [&] { return std::to_string(++built); };
-    const Logger logger("SinkHDF5", "", std::make_shared<LoggerImpl>());
+    const Logger logger = makeLogger("SinkHDF5");
     const std::string format = "-write(%u): %s|%llu|%lu|0x%08x%s";
     const std::string longText(600, 'y'); // beyond any stack buffer of 512
     StderrCapture capture(1);
@@ -239,6 +243,38 @@ TEST(Framework, ConsumesItsLogLevelOptionRunsHookAndJobOnceAndRecordsStopSignals
     EXPECT_EQ(app.received, (std::vector<std::string>{"--conf=mock", "word", "job"}));
     EXPECT_EQ(threshold(), 4);
     setThreshold(saved);
+}
+
+// The program handles its stop signals, and each would cut a bare nanosleep short.
+TEST(SleepFor, SignalsDoNotShortenTheSleep) {
+    struct sigaction handled {};
+    struct sigaction saved {};
+    handled.sa_handler = [](int) {};
+    sigemptyset(&handled.sa_mask);
+    sigaction(SIGUSR1, &handled, &saved);
+    const pthread_t sleeper = pthread_self();
+    std::atomic<bool> awake{false};
+    std::atomic<int> sent{0};
+    std::thread interrupter([&] {
+        while (!awake.load()) {
+            pthread_kill(sleeper, SIGUSR1);
+            ++sent;
+            std::this_thread::sleep_for(5ms);
+        }
+    });
+    const auto start = std::chrono::steady_clock::now();
+    sleepFor(200ms);
+    const auto slept = std::chrono::steady_clock::now() - start;
+    awake.store(true);
+    interrupter.join();
+    sigaction(SIGUSR1, &saved, nullptr);
+    EXPECT_GE(slept, 200ms) << std::chrono::duration<double, std::milli>(slept).count() << " ms";
+    EXPECT_GE(sent.load(), 5) << "too few signals reached the sleep";
+
+    const auto before = std::chrono::steady_clock::now();
+    sleepFor(-1s);
+    sleepFor(0ms);
+    EXPECT_LT(std::chrono::steady_clock::now() - before, 100ms);
 }
 
 // ---- --version ----
