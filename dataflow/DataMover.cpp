@@ -165,7 +165,9 @@ void DataMover::transfer() {
     pellumDoLog(Severity::Info, "~thread: entering transfer loop", {});
 
     auto periodStart = transferStart;
-    uint32_t period = 0; // bytes of the current rate period
+    // Bytes of the current read written so far; zeroed at each read, so a rate counts only the
+    // last read's bytes, over the time since periodStart.
+    uint32_t period = 0;
     uint32_t transferred = 0;
     while (!mStopRequested.load()) {
         if (transferred >= toTransfer) {

@@ -17,7 +17,7 @@ namespace quarvel {
 // producer, calling write) and the mover behind (the only consumer, calling read and
 // waitForMaybeData).
 //
-// The queue holds at most capacitySamples() decoded samples. A write whose samples do not fit
+// The queue holds at most mCapacity decoded samples. A write whose samples do not fit
 // blocks the writer until reads have made room; its samples are then appended all at once,
 // so a reader sees none or all of one call. A single call larger than the whole capacity is
 // let in when the queue is empty, so it cannot deadlock; the queue then briefly holds more.

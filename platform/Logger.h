@@ -12,7 +12,7 @@
 
 namespace morvik::pellum::log {
 
-// Lower values are more severe; 3 is reserved and never emitted by the program.
+// Lower values are more severe; 3 is "notice", a threshold only: no message has that severity.
 enum class Severity : int { Fatal = 0, Error = 1, Warning = 2, Info = 4, Debug = 5 };
 
 // Messages more verbose than the threshold are dropped before any formatting.
@@ -30,7 +30,8 @@ inline bool isEnabled(Severity severity) {
 void setRepeatWindow(std::chrono::milliseconds window);
 std::chrono::milliseconds repeatWindow();
 
-// Parses "fatal", "error", "warning", "info", "debug" or "0".."5"; false for anything else.
+// Parses "fatal", "error", "warning", "notice", "info", "debug" (0 to 5 in this order) or "0".."5";
+// false for anything else.
 bool parseThreshold(std::string_view text, int& threshold);
 
 class LoggerImplInterface {
