@@ -185,15 +185,7 @@ int QuarvelApp::transfer(Run& run, StopDeadline& deadline) {
     run.movers = createMovers(run.chain);
     const auto& movers = run.movers;
 
-    uint32_t size = mOptions->getDataBytes();
-    for (const auto& mover : movers) {
-        pellumDoLog(Severity::Info, "starting data mover %s with size %u", {},
-                    mover->name().c_str(), size);
-        mover->start(size);
-        if (mover->hasDecoderSink()) {
-            size = mover->decoderSink()->outputSizeFor(size);
-        }
-    }
+    startMovers(movers, mOptions->getDataBytes());
 
     const auto& first = movers.front();
     for (;;) {

@@ -1,11 +1,15 @@
 #include "dataflow/ChainAssembly.h"
 
 #include "dataflow/DataMover.h"
+#include "platform/Logger.h"
 
 #include <stdexcept>
 #include <string>
 
 namespace quarvel {
+
+using morvik::pellum::log::pellumDoLog;
+using morvik::pellum::log::Severity;
 
 std::vector<std::shared_ptr<AbstractDataMover>> createMovers(const Chain& chain) {
     if (chain.size() < 2) {
@@ -33,6 +37,17 @@ std::vector<std::shared_ptr<AbstractDataMover>> createMovers(const Chain& chain)
                                                          std::to_string(i + 1)));
     }
     return movers;
+}
+
+void startMovers(const std::vector<std::shared_ptr<AbstractDataMover>>& movers, uint32_t size) {
+    for (const auto& mover : movers) {
+        pellumDoLog(Severity::Info, "starting data mover %s with size %u", {},
+                    mover->name().c_str(), size);
+        mover->start(size);
+        if (mover->hasDecoderSink()) {
+            size = mover->decoderSink()->outputSizeFor(size);
+        }
+    }
 }
 
 } // namespace quarvel

@@ -13,4 +13,9 @@ namespace quarvel {
 // malformed chain, before any mover exists.
 std::vector<std::shared_ptr<AbstractDataMover>> createMovers(const Chain& chain);
 
+// Starts the movers in chain order, the first with size bytes; a mover whose sink is a decoder
+// hands the next one what the decoder delivers for its own size. What a start or a decoder
+// throws is passed on, with the movers before it running.
+void startMovers(const std::vector<std::shared_ptr<AbstractDataMover>>& movers, uint32_t size);
+
 } // namespace quarvel

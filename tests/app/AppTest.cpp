@@ -23,6 +23,7 @@ TEST(CommandLineOptions, EdgeValuesAndUnknownWords) {
     EXPECT_FALSE(good.hasError());
     EXPECT_EQ(good.getDataRate(), 55); // the character '7'
     EXPECT_EQ(good.getFile(), "a.h5");
+    // --conf=int32 gives the scheme a second time, which the parser refuses.
     for (const char* bad :
          {"--data-rate=10", "--src-addr=0x100", "--src-addr=4294967296", "--conf=int32"}) {
         StderrCapture capture(1);

@@ -6,7 +6,9 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <chrono>
+#include <functional>
 #include <sstream>
 #include <thread>
 
@@ -17,6 +19,18 @@ using namespace std::chrono_literals;
 
 auto refused(const std::string& text) {
     return testing::ThrowsMessage<std::runtime_error>(text);
+}
+
+// Polls a state that another thread reaches, with a deadline generous enough for any machine.
+bool eventually(const std::function<bool()>& reached) {
+    const auto deadline = std::chrono::steady_clock::now() + 10s;
+    while (!reached()) {
+        if (std::chrono::steady_clock::now() > deadline) {
+            return false;
+        }
+        std::this_thread::sleep_for(1ms);
+    }
+    return true;
 }
 
 // Source, sink or both: delivers and expects the stream whose byte i is i % 251. Open and close
@@ -46,7 +60,7 @@ struct Fake : AbstractDataSource, AbstractDataSink {
         return len;
     }
     void waitForMaybeData() override {
-        ++waits;
+        waits.fetch_add(1);
         std::this_thread::sleep_for(1ms);
     }
     bool isEndOfData() override { return false; }
@@ -61,8 +75,9 @@ struct Fake : AbstractDataSource, AbstractDataSink {
 
     std::string& calls;
     std::string name, failure;
-    uint32_t readSize = 4, maxPerWrite = UINT32_MAX, waits = 0;
-    uint32_t emptyReads = 0; // the first reads find nothing
+    uint32_t readSize = 4, maxPerWrite = UINT32_MAX;
+    std::atomic<uint32_t> waits{0}; // read while the worker runs
+    uint32_t emptyReads = 0;        // the first reads find nothing
     uint32_t produced = 0, received = 0, misplaced = 0;
     bool throwOnClose = false;
     std::vector<uint32_t> requests;
@@ -124,7 +139,7 @@ TEST(DataMover, MovesEveryByteInBuffersOfAtMost128KiBOrRecordsTheFirstFailure) {
         EXPECT_EQ(rig.mover->errorText(), c.error);
         EXPECT_EQ(rig.calls, kOneCycle);
         EXPECT_EQ(rig.source->requests, c.requests);
-        EXPECT_EQ(rig.source->waits, c.emptyReads);
+        EXPECT_EQ(rig.source->waits.load(), c.emptyReads);
         EXPECT_EQ(rig.sink->received, c.received);
         EXPECT_EQ(rig.sink->misplaced, 0u);
         EXPECT_EQ(rig.mover->transferRate() > 0, c.received > 0);
@@ -136,7 +151,8 @@ TEST(DataMover, AbortInAnyStateLeavesTheMoverFailedAndFinished) {
     Rig waiting;
     waiting.source->emptyReads = UINT32_MAX; // the worker keeps waiting
     waiting.mover->start(4096);
-    std::this_thread::sleep_for(20ms);
+    ASSERT_TRUE(eventually([&] { return waiting.source->waits.load() > 0; }))
+        << "the worker never waited for data";
     EXPECT_FALSE(waiting.mover->isFinished());
     const auto before = std::chrono::steady_clock::now();
     waiting.mover->abort();
@@ -203,6 +219,61 @@ TEST(ChainAssembly, ValidatesTheChainAndNamesTheMoversByPosition) {
     EXPECT_EQ(movers[0]->name(), "Mover 0 to 1");
     EXPECT_EQ(movers[1]->name(), "Mover 1 to 2");
     EXPECT_EQ(createMovers({both, both}).size(), 1u); // the unused sides of the ends do no harm
+}
+
+// A decoder whose output is twice its input, as Lumetra's is.
+struct Doubler : AbstractDecoder {
+    void open(uint32_t) override {}
+    void close() override {}
+    uint32_t optimalReadSize() override { return 4; }
+    uint32_t read(uint8_t*, uint32_t) override { return 0; }
+    void waitForMaybeData() override {}
+    bool isEndOfData() override { return false; }
+    uint32_t optimalWriteSize() override { return 4; }
+    uint32_t write(const uint8_t*, uint32_t len) override { return len; }
+    uint32_t outputSizeFor(uint32_t inputSize) override { return 2 * inputSize; }
+};
+
+// Notes its name and the size it is started with; its sink is the decoder given, if any.
+struct StartedMover : AbstractDataMover {
+    StartedMover(std::vector<std::string>& startLog, std::string moverName,
+                 std::shared_ptr<AbstractDecoder> sinkDecoder)
+        : starts(startLog), ownName(std::move(moverName)), decoder(std::move(sinkDecoder)) {}
+    std::string name() override { return ownName; }
+    bool isFinished() override { return false; }
+    bool failed() override { return false; }
+    void start(uint32_t size) override { starts.push_back(ownName + " " + std::to_string(size)); }
+    std::string errorText() override { return {}; }
+    void abort() override {}
+    std::shared_ptr<AbstractDataSink> sink() override { return decoder; }
+    std::shared_ptr<AbstractDataSource> source() override { return nullptr; }
+    bool hasDecoderSink() override { return static_cast<bool>(decoder); }
+    std::shared_ptr<AbstractDecoder> decoderSink() override { return decoder; }
+    void printProgress(std::ostream&) const override {}
+
+    std::vector<std::string>& starts;
+    std::string ownName;
+    std::shared_ptr<AbstractDecoder> decoder;
+};
+
+TEST(ChainAssembly, EachMoverBehindADecoderStartsWithWhatTheDecoderDelivers) {
+    std::vector<std::string> starts;
+    const auto doubler = std::make_shared<Doubler>();
+    const auto mover = [&](const char* name, std::shared_ptr<AbstractDecoder> decoder) {
+        return std::make_shared<StartedMover>(starts, name, std::move(decoder));
+    };
+    StderrCapture log(4);
+    startMovers({mover("Mover 0 to 1", doubler), mover("Mover 1 to 2", doubler),
+                 mover("Mover 2 to 3", nullptr)},
+                4096);
+    EXPECT_EQ(starts, (std::vector<std::string>{"Mover 0 to 1 4096", "Mover 1 to 2 8192",
+                                                "Mover 2 to 3 16384"}));
+    EXPECT_NE(log.text().find("] starting data mover Mover 1 to 2 with size 8192\n"),
+              std::string::npos);
+
+    starts.clear(); // a sink that is no decoder passes the size on as it is
+    startMovers({mover("Mover 0 to 1", nullptr), mover("Mover 1 to 2", nullptr)}, 12);
+    EXPECT_EQ(starts, (std::vector<std::string>{"Mover 0 to 1 12", "Mover 1 to 2 12"}));
 }
 
 } // namespace

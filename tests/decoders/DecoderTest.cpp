@@ -5,12 +5,19 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <atomic>
 #include <chrono>
+#include <fstream>
 #include <future>
+#include <iterator>
 #include <memory>
 #include <stdexcept>
+#include <string>
 #include <thread>
 #include <vector>
+
+#include <sys/types.h>
+#include <unistd.h>
 
 namespace quarvel::test {
 namespace {
@@ -60,6 +67,28 @@ std::shared_ptr<QueueDecoder> makeRunning(size_t capacity) {
     decoder->open(0);
     decoder->open(0);
     return decoder;
+}
+
+// The scheduler's state of one of our threads: 'R' running, 'S' asleep in the kernel, ...
+char stateOf(pid_t thread) {
+    std::ifstream stat("/proc/self/task/" + std::to_string(thread) + "/stat");
+    const std::string text{std::istreambuf_iterator<char>(stat), std::istreambuf_iterator<char>()};
+    const size_t nameEnd = text.rfind(')');
+    return nameEnd != std::string::npos && nameEnd + 2 < text.size() ? text[nameEnd + 2] : '?';
+}
+
+// Waits until the thread that publishes its id has gone to sleep: a writer that meets no other
+// lock can only sleep in the decoder's wait for room. Polls with a deadline for any machine.
+bool fallsAsleep(const std::atomic<pid_t>& thread) {
+    const auto deadline = Clock::now() + 10s;
+    while (Clock::now() < deadline) {
+        const pid_t id = thread.load();
+        if (id != 0 && stateOf(id) == 'S') {
+            return true;
+        }
+        std::this_thread::sleep_for(100us);
+    }
+    return false;
 }
 
 bool blocked(std::future<void>& pending) {
@@ -166,8 +195,12 @@ TEST(Decoders, BeforeTheReaderOpensAWriterWaitsBrieflyAndOnceItOpensForRoom) {
     EXPECT_GE(Clock::now() - start, 3 * QueueDecoder::kLoneWriterWait);
     EXPECT_EQ(readSamples(*decoder, 6), samplesOf(0, 6));
 
-    auto pending = writeAsync(decoder, 8, 2);
-    std::this_thread::sleep_for(QueueDecoder::kLoneWriterWait / 5); // into its timed wait
+    std::atomic<pid_t> writer{0};
+    auto pending = std::async(std::launch::async, [&] {
+        writer.store(::gettid());
+        writeSamples(*decoder, 8, 2);
+    });
+    ASSERT_TRUE(fallsAsleep(writer)) << "the writer never waited"; // into its timed wait
     decoder->open(0);
     EXPECT_EQ(pending.wait_for(3 * QueueDecoder::kLoneWriterWait), std::future_status::timeout);
     EXPECT_EQ(readSamples(*decoder, 100), samplesOf(6, 2));

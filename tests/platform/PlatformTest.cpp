@@ -36,6 +36,18 @@ private:
     std::chrono::milliseconds mSaved;
 };
 
+// Puts the log threshold back at the end of a test, however the test ends.
+class ThresholdKept {
+public:
+    ThresholdKept() : mSaved(threshold()) {}
+    ~ThresholdKept() { setThreshold(mSaved); }
+    ThresholdKept(const ThresholdKept&) = delete;
+    ThresholdKept& operator=(const ThresholdKept&) = delete;
+
+private:
+    int mSaved;
+};
+
 // What follows the time stamp on each line.
 std::vector<std::string> linesOf(const std::string& text) {
     std::vector<std::string> lines;
@@ -217,32 +229,60 @@ struct App : morvik::pellum::utils::MorvikApplication {
     std::vector<std::string> received;
 };
 
-// "info" is 4, not 3: the numbering has a gap. A bad level ends the run before the hook.
-// Regression: SIGTERM and SIGINT are only recorded; the process goes on.
-TEST(Framework, ConsumesItsLogLevelOptionRunsHookAndJobOnceAndRecordsStopSignals) {
-    const int saved = threshold();
-    const char* argv[] = {"quarvel", "--log-level=verbose", "1",    "--conf=mock",
-                          "word",    "--log-level=info",    nullptr};
+// A bad level ends the run before the hook.
+TEST(Framework, RefusesAnUnknownLogLevelBeforeTheHook) {
+    const ThresholdKept kept;
+    const char* argv[] = {"quarvel", "--log-level=verbose", nullptr};
     int argc = 2;
     App refused(argc, argv);
     StderrCapture capture(1);
     EXPECT_EQ(refused.run(), 1);
     EXPECT_NE(capture.text().find("invalid value 'verbose' for --log-level"), std::string::npos);
     EXPECT_TRUE(refused.received.empty());
-    std::raise(SIGINT);
-    EXPECT_TRUE(refused.gotSigTerm());
+}
 
+// "info" is 4, not 3: the numbering has a gap. The option is taken as one word or two, and the
+// last one counts.
+TEST(Framework, ConsumesItsLogLevelOptionInEitherForm) {
+    const ThresholdKept kept;
+    const char* twoWords[] = {"quarvel", "--log-level", "1", nullptr};
+    int argc = 3;
+    App first(argc, twoWords);
+    EXPECT_EQ(argc, 1);
+    EXPECT_EQ(threshold(), 1);
+
+    const char* argv[] = {"quarvel", "--log-level",      "1",    "--conf=mock",
+                          "word",    "--log-level=info", nullptr};
     argc = 6;
-    argv[1] = "--log-level";
     App app(argc, argv);
-    EXPECT_FALSE(app.gotSigTerm());
-    std::raise(SIGTERM);
-    EXPECT_TRUE(app.gotSigTerm());
     EXPECT_EQ(argc, 3);
+    EXPECT_EQ(threshold(), 4);
+}
+
+TEST(Framework, HandsTheOtherArgumentsToTheHookAndRunsTheJobOnce) {
+    const ThresholdKept kept;
+    const char* argv[] = {"quarvel", "--log-level",      "1",    "--conf=mock",
+                          "word",    "--log-level=info", nullptr};
+    int argc = 6;
+    App app(argc, argv);
     EXPECT_EQ(app.run(), 43);
     EXPECT_EQ(app.received, (std::vector<std::string>{"--conf=mock", "word", "job"}));
-    EXPECT_EQ(threshold(), 4);
-    setThreshold(saved);
+}
+
+// Regression: SIGTERM and SIGINT are only recorded; the process goes on. Each application
+// starts without a stop request.
+TEST(Framework, RecordsStopSignalsInsteadOfEnding) {
+    const char* argv[] = {"quarvel", nullptr};
+    int argc = 1;
+    App interrupted(argc, argv);
+    EXPECT_FALSE(interrupted.gotSigTerm());
+    std::raise(SIGINT);
+    EXPECT_TRUE(interrupted.gotSigTerm());
+
+    App terminated(argc, argv);
+    EXPECT_FALSE(terminated.gotSigTerm());
+    std::raise(SIGTERM);
+    EXPECT_TRUE(terminated.gotSigTerm());
 }
 
 // The program handles its stop signals, and each would cut a bare nanosleep short.
