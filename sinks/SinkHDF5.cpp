@@ -34,20 +34,30 @@ using morvik::pellum::log::Severity;
 namespace {
 
 // Our log line carries HDF5's detail; its own error-stack dump would only flood the terminal.
-// Debian builds the HDF5 C library thread-safe, which keeps that setting per thread, so each
-// thread that calls into HDF5 turns it off once for itself.
-void silenceHdf5ErrorPrinting() noexcept {
-    thread_local bool silenced = false;
-    if (silenced) {
-        return;
+// Debian builds the HDF5 C library thread-safe, which keeps that setting per thread, and the
+// sink is called from two threads: each call turns it off for its thread while it lasts, and
+// puts back what the thread had, so that the rest of the process still sees HDF5's errors.
+class QuietHdf5Errors {
+public:
+    QuietHdf5Errors() noexcept {
+        mSaved = H5Eget_auto2(H5E_DEFAULT, &mPrint, &mData) >= 0;
+        if (mSaved) {
+            H5Eset_auto2(H5E_DEFAULT, nullptr, nullptr);
+        }
     }
-    try {
-        H5::Exception::dontPrint();
-        silenced = true;
-    } catch (...) {
-        // Only the noise stays; the error itself still reaches us as an exception.
+    ~QuietHdf5Errors() {
+        if (mSaved) {
+            H5Eset_auto2(H5E_DEFAULT, mPrint, mData);
+        }
     }
-}
+    QuietHdf5Errors(const QuietHdf5Errors&) = delete;
+    QuietHdf5Errors& operator=(const QuietHdf5Errors&) = delete;
+
+private:
+    H5E_auto2_t mPrint = nullptr;
+    void* mData = nullptr;
+    bool mSaved = false;
+};
 
 const char* detailOf(const H5::Exception& error) {
     const char* detail = error.getCDetailMsg();
@@ -197,6 +207,7 @@ void SinkHDF5::abandonFailedFile() {
 }
 
 size_t SinkHDF5::metadataCacheLimit() const {
+    const QuietHdf5Errors quiet;
     H5AC_cache_config_t config;
     return mOpen && getMetadataCacheConfig(mFile->getId(), config) ? config.max_size : 0;
 }
@@ -214,13 +225,11 @@ bool SinkHDF5::hasAbandonedFiles() {
 SinkHDF5::SinkHDF5(const std::string& fileName, size_t metadataCacheBytes, unsigned workers)
     : morvik::pellum::log::Logger(makeLogger("SinkHDF5")), mFileName(fileName),
       mTemporaryName(temporaryName(fileName)), mMetadataCacheBytes(metadataCacheBytes),
-      mWorkers(workers) {
-    silenceHdf5ErrorPrinting();
-}
+      mWorkers(workers) {}
 
 // A sink dropped while open (a run torn down by an exception) still ends its recording.
 SinkHDF5::~SinkHDF5() {
-    silenceHdf5ErrorPrinting();
+    const QuietHdf5Errors quiet;
     if (mOpen) {
         try {
             close();
@@ -228,6 +237,8 @@ SinkHDF5::~SinkHDF5() {
             // Already logged; a destructor has nobody to tell.
         }
     }
+    // Here, not after the body: a close that failed leaves objects whose release calls HDF5.
+    dropHdf5Objects();
     releaseTemporaryFile();
 }
 
@@ -266,7 +277,7 @@ uint32_t SinkHDF5::getChunkSize() {
 
 void SinkHDF5::open(uint32_t totalSize) {
     pellumDoLog(Severity::Debug, "+open(totalSize=%u)", {}, totalSize);
-    silenceHdf5ErrorPrinting();
+    const QuietHdf5Errors quiet;
     if (mOpen) {
         pellumDoLog(Severity::Error, "-open: already open", {});
         throw std::runtime_error("SinkHDF5 already open");
@@ -302,14 +313,18 @@ void SinkHDF5::openFileAndDataSet() {
     }
 }
 
-// Nothing was recorded: no temporary file stays, and the file name is untouched.
-void SinkHDF5::discardTemporaryFile() {
+void SinkHDF5::dropHdf5Objects() {
     mRecordedValues.reset();
     mStateAttribute.reset();
     mEndTime.reset();
     mDataSet.reset();
     mDataSpace.reset();
     mFile.reset();
+}
+
+// Nothing was recorded: no temporary file stays, and the file name is untouched.
+void SinkHDF5::discardTemporaryFile() {
+    dropHdf5Objects();
     ::unlink(mTemporaryName.c_str());
     releaseTemporaryFile();
 }
@@ -474,7 +489,7 @@ void SinkHDF5::ensureRoomFor(uint32_t len) {
 
 uint32_t SinkHDF5::write(const uint8_t* buffer, uint32_t len) {
     pellumDoLog(Severity::Debug, "+write(%u)", {}, len);
-    silenceHdf5ErrorPrinting();
+    const QuietHdf5Errors quiet;
     if (!mOpen) {
         pellumDoLog(Severity::Error, "write: sink is not open", {});
         throw std::runtime_error("Cannot write to HDF5 output as it has not been open yet");
@@ -622,7 +637,7 @@ void SinkHDF5::finishAttributes(State state, const std::string& failure) {
 
 void SinkHDF5::close() {
     pellumDoLog(Severity::Debug, "+close()", {});
-    silenceHdf5ErrorPrinting();
+    const QuietHdf5Errors quiet;
     if (!mOpen) {
         pellumDoLog(Severity::Warning, "SinkHDF5 already closed", {});
     }

@@ -108,6 +108,7 @@ private:
     enum class State { Recording, Complete, Stopped, Failed };
 
     void abandonFailedFile();
+    void dropHdf5Objects();
     void openFileAndDataSet();
     void createFileAndDataSet();
     void lockTemporaryFile();

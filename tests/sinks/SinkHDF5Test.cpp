@@ -194,6 +194,45 @@ TEST(SinkHDF5, IncompressibleChunksAreStoredRawAndMarked) {
     }
 }
 
+// Whether HDF5 prints its error stack on this thread: a setting of each thread.
+bool hdf5PrintsErrors() {
+    H5E_auto2_t print = nullptr;
+    void* data = nullptr;
+    return H5Eget_auto2(H5E_DEFAULT, &print, &data) >= 0 && print != nullptr;
+}
+
+// Regression: the sink turned HDF5's printing off for good on every thread that called it. It
+// is off only during the sink's own calls, on whichever thread makes them.
+TEST(SinkHDF5, Hdf5IsQuietDuringTheSinksCallsOnEveryThreadAndPrintsAgainAfter) {
+    TempDir dir;
+    const std::vector<int32_t> values{1, 2, 3, 4};
+    std::string log;
+    {
+        StderrCapture capture(2);
+        // A metadata cache that HDF5 refuses: its failure is logged by the sink, the stack is not.
+        SinkHDF5 sink(dir.file("out.h5"), 16);
+        std::thread job([&] {
+            sink.open(16);
+            EXPECT_TRUE(hdf5PrintsErrors()) << "the job's thread";
+        });
+        job.join();
+        std::thread mover([&] {
+            EXPECT_EQ(sink.write(bytesOf(values), 16), 16u);
+            sink.close();
+            EXPECT_TRUE(hdf5PrintsErrors()) << "the mover's thread";
+        });
+        mover.join();
+        log = capture.text();
+    }
+    EXPECT_THAT(log, HasSubstr("WARNING [SinkHDF5] could not limit HDF5's metadata cache"));
+    EXPECT_THAT(log, Not(HasSubstr("HDF5-DIAG")));
+    EXPECT_EQ(storedValues(dir.file("out.h5")), values);
+
+    StderrCapture capture;
+    EXPECT_LT(H5Fopen(dir.file("missing.h5").c_str(), H5F_ACC_RDONLY, H5P_DEFAULT), 0);
+    EXPECT_THAT(capture.text(), HasSubstr("HDF5-DIAG")) << "printing is back on this thread";
+}
+
 std::string stateOf(const std::string& path, uint64_t& recorded, std::string& failure) {
     const H5::DataSet dataSet = H5::H5File(path, H5F_ACC_RDONLY).openDataSet("quarvel");
     dataSet.openAttribute("recorded_values").read(H5::PredType::NATIVE_UINT64, &recorded);
