@@ -62,7 +62,6 @@ int main(int argc, char** argv) {
         std::swap(data[i], data[i + 3]); // to big-endian
         std::swap(data[i + 1], data[i + 2]);
     }
-    quarvel::keepFreedMemoryForChunks(); // as quarvel's main does
     const auto start = std::chrono::steady_clock::now();
     size_t out = 0;
     try {

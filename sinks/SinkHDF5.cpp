@@ -4,10 +4,6 @@
 
 #include <H5Cpp.h>
 
-#ifdef __GLIBC__
-#include <malloc.h>
-#endif
-
 #include "platform/Version.h"
 
 #include <algorithm>
@@ -210,12 +206,6 @@ size_t SinkHDF5::metadataCacheLimit() const {
     const QuietHdf5Errors quiet;
     H5AC_cache_config_t config;
     return mOpen && getMetadataCacheConfig(mFile->getId(), config) ? config.max_size : 0;
-}
-
-void keepFreedMemoryForChunks() {
-#ifdef __GLIBC__
-    mallopt(M_TRIM_THRESHOLD, 4 << 20);
-#endif
 }
 
 bool SinkHDF5::hasAbandonedFiles() {

@@ -163,10 +163,4 @@ private:
     std::string mOutcomeReason;
 };
 
-// Keeps up to 4 MiB of freed memory in the process instead of handing it back to the kernel.
-// It helped while HDF5's deflate allocated and freed 256 KiB of zlib state per chunk; the chunks
-// no longer go through it, and a recording now takes as many page faults without this. The
-// program no longer calls it; only the benchmark helper still does.
-void keepFreedMemoryForChunks();
-
 } // namespace quarvel

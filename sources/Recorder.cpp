@@ -1,5 +1,7 @@
 #include "sources/Recorder.h"
 
+#include "platform/Sleep.h"
+
 #include <cerrno>
 #include <cstring>
 #include <ctime>
@@ -29,16 +31,14 @@ std::string recorderSysfsRoot(uint64_t rdev) {
 }
 
 Recorder::Recorder(const std::string& devicePath)
-    : morvik::pellum::log::Logger("Recoder", std::string(),
-                                  std::make_shared<morvik::pellum::log::LoggerImpl>()),
-      mDevicePath(devicePath), mSysfsRoot(controlDirectoryOfDevice()) {
+    : morvik::pellum::log::Logger(makeLogger("Recoder")), mDevicePath(devicePath),
+      mSysfsRoot(controlDirectoryOfDevice()) {
     logSysfsRoot();
 }
 
 Recorder::Recorder(const std::string& devicePath, const std::string& sysfsRoot)
-    : morvik::pellum::log::Logger("Recoder", std::string(),
-                                  std::make_shared<morvik::pellum::log::LoggerImpl>()),
-      mDevicePath(devicePath), mSysfsRoot(sysfsRoot) {
+    : morvik::pellum::log::Logger(makeLogger("Recoder")), mDevicePath(devicePath),
+      mSysfsRoot(sysfsRoot) {
     statDevice();
     logSysfsRoot();
 }
@@ -131,11 +131,7 @@ void Recorder::waitForMaybeData() {
         return;
     }
     // At end of file or after an error poll would return at once: wait the full period.
-    timespec wait{0, kWaitMs * 1000000L};
-    timespec remaining{};
-    while (::nanosleep(&wait, &remaining) != 0 && errno == EINTR) {
-        wait = remaining;
-    }
+    sleepFor(std::chrono::milliseconds(kWaitMs));
 }
 
 bool Recorder::isEndOfData() {

@@ -330,10 +330,10 @@ TEST(Cli, RecordingsAreNeverReplacedByRunsThatStoreNothing) {
     EXPECT_EQ(readFile(file), "an older recording");
     EXPECT_FALSE(exists(file + ".part"));
 
-    // The first run stops by itself only at 1 GiB; the second starts while it records.
+    // The first run would stop by itself only at 4 GiB; the second starts while it records.
     const pid_t first = fork();
     if (first == 0) {
-        const RunResult run = runQuarvel({argsFor(file, 1u << 30), SIGTERM, 1500ms});
+        const RunResult run = runQuarvel({argsFor(file, 4294967292u), SIGTERM, 1500ms});
         _exit(run.exitCode == 1 ? 0 : 1);
     }
     const auto deadline = std::chrono::steady_clock::now() + 20s;
@@ -367,7 +367,8 @@ TEST(Cli, KilledRecordingIsReadableUpToItsLastCheckpoint) {
         SCOPED_TRACE(delay.count());
         TempDir dir;
         const std::string file = dir.file("rec.h5");
-        const RunResult run = runQuarvel({argsFor(file, 1u << 30), SIGKILL, delay});
+        // The largest recording, so that none ends before its kill, however fast the machine.
+        const RunResult run = runQuarvel({argsFor(file, 4294967292u), SIGKILL, delay});
         EXPECT_EQ(run.exitCode, -1);
         ASSERT_TRUE(exists(file + ".part"));
         const Description d = describe(file + ".part");
@@ -387,7 +388,7 @@ TEST_P(StoppedRecording, EndsWithinASecondAndKeepsAReadableFile) {
     TempDir dir;
     const std::string file = dir.file("rec.h5");
     const RunResult run =
-        runQuarvel({argsFor(file, 1u << 30), stopSignal, std::chrono::milliseconds(delayMs)});
+        runQuarvel({argsFor(file, 4294967292u), stopSignal, std::chrono::milliseconds(delayMs)});
     EXPECT_EQ(run.exitCode, 1);
     EXPECT_EQ(withoutLogLines(run.err), "transfer abort requested by user (sigterm)\n");
     EXPECT_TRUE(std::regex_match(run.out, std::regex("(Transfer: [^\r]*\r)*"))) << run.out;
@@ -399,7 +400,7 @@ TEST_P(StoppedRecording, EndsWithinASecondAndKeepsAReadableFile) {
     }
     const Description d = describe(file);
     EXPECT_EQ(d.state, "stopped");
-    EXPECT_EQ(readRecording(file, 0).length, (1u << 30) / 4);
+    EXPECT_EQ(readRecording(file, 0).length, 4294967292u / 4);
     expectMockPrefix(file, std::min<uint64_t>(d.recordedValues, 1u << 20));
     if (delayMs > 0 && !kSanitized && !kEmulated) {
         EXPECT_GT(d.recordedValues, 4096u);
