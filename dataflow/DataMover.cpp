@@ -82,8 +82,7 @@ std::string DataMover::errorText() {
 }
 
 void DataMover::start(uint32_t dataSizeInBytes) {
-    const std::string entry = "+start(dataSizeInBytes=" + std::to_string(dataSizeInBytes) + ")";
-    pellumDoLog(Severity::Debug, entry, {});
+    pellumDoLog(Severity::Debug, "+start(dataSizeInBytes=%u)", {}, dataSizeInBytes);
     if (mThread) {
         throw std::runtime_error("DataMover is already running");
     }

@@ -248,26 +248,55 @@ void LoggerImpl::emit(Severity severity, const std::string& name, const std::str
 Logger::Logger(std::string name, std::string second, std::shared_ptr<LoggerImplInterface> impl)
     : mName(std::move(name)), mSecond(std::move(second)), mImpl(std::move(impl)) {}
 
+// Each entry point only gathers its arguments; the threshold is checked before any formatting.
 void Logger::pellumDoLog(Severity severity, const std::string_view& format,
                          const std::function<std::string()>& context, ...) const {
-    if (!isEnabled(severity)) {
-        return;
-    }
     va_list args;
     va_start(args, context);
-    logWith(mRepeats, mImpl.get(), mName, mSecond, severity, format, context, args);
+    logArguments(severity, format, context, args);
     va_end(args);
 }
 
-void pellumDoLog(Severity severity, const std::string_view& format,
-                 const std::function<std::string()>& context, ...) {
-    if (!isEnabled(severity)) {
-        return;
-    }
+void Logger::pellumDoLog(Severity severity, const char* format,
+                         const std::function<std::string()>& context, ...) const {
     va_list args;
     va_start(args, context);
-    logWith(freeFunctionRepeats(), nullptr, "quarvel", std::string(), severity, format, context,
-            args);
+    logArguments(severity, format, context, args);
+    va_end(args);
+}
+
+void Logger::logArguments(Severity severity, std::string_view format,
+                          const std::function<std::string()>& context, va_list args) const {
+    if (isEnabled(severity)) {
+        logWith(mRepeats, mImpl.get(), mName, mSecond, severity, format, context, args);
+    }
+}
+
+namespace {
+
+void logFreeArguments(Severity severity, std::string_view format,
+                      const std::function<std::string()>& context, va_list args) {
+    if (isEnabled(severity)) {
+        logWith(freeFunctionRepeats(), nullptr, "quarvel", std::string(), severity, format, context,
+                args);
+    }
+}
+
+} // namespace
+
+void pellumDoLog(Severity severity, const std::string_view& format,
+                 const std::function<std::string()>& context, ...) {
+    va_list args;
+    va_start(args, context);
+    logFreeArguments(severity, format, context, args);
+    va_end(args);
+}
+
+void pellumDoLog(Severity severity, const char* format, const std::function<std::string()>& context,
+                 ...) {
+    va_list args;
+    va_start(args, context);
+    logFreeArguments(severity, format, context, args);
     va_end(args);
 }
 

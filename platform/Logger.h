@@ -3,6 +3,7 @@
 #include <array>
 #include <atomic>
 #include <chrono>
+#include <cstdarg>
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -81,14 +82,28 @@ private:
     std::uint64_t mTick = 0;
 };
 
+// A literal format is checked against its arguments by the compiler.
+#if defined(__GNUC__)
+#define PELLUM_PRINTF(formatIndex, firstArgument)                                                  \
+    __attribute__((format(printf, formatIndex, firstArgument)))
+#else
+#define PELLUM_PRINTF(formatIndex, firstArgument)
+#endif
+
 class Logger {
 public:
     Logger(std::string name, std::string second, std::shared_ptr<LoggerImplInterface> impl);
 
     void pellumDoLog(Severity severity, const std::string_view& format,
                      const std::function<std::string()>& context, ...) const;
+    // The same, chosen for a literal format, which the compiler then checks.
+    void pellumDoLog(Severity severity, const char* format,
+                     const std::function<std::string()>& context, ...) const PELLUM_PRINTF(3, 5);
 
 private:
+    void logArguments(Severity severity, std::string_view format,
+                      const std::function<std::string()>& context, va_list args) const;
+
     std::string mName;
     std::string mSecond;
     std::shared_ptr<LoggerImplInterface> mImpl;
@@ -97,6 +112,8 @@ private:
 
 void pellumDoLog(Severity severity, const std::string_view& format,
                  const std::function<std::string()>& context, ...);
+void pellumDoLog(Severity severity, const char* format, const std::function<std::string()>& context,
+                 ...) PELLUM_PRINTF(2, 4);
 
 } // namespace morvik::pellum::log
 

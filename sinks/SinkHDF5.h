@@ -150,7 +150,7 @@ private:
 
     int mLockFd = -1;                        // the locked temporary file
     std::atomic<uint32_t> mValuesWritten{0}; // read by discardEmptyRecordings
-    uint32_t mCheckpointValues = 0;          // values known to be on disk
+    uint64_t mCheckpointValues = 0;          // values known to be on disk
     std::chrono::steady_clock::time_point mNextCheckpoint{};
     uint64_t mCheckpointChunks = 0; // chunks written at the last checkpoint
     uint64_t mFileSizeLimit = ~uint64_t{0};
