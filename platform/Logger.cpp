@@ -1,5 +1,7 @@
 #include "platform/Logger.h"
 
+#include "platform/UtcTime.h"
+
 #include <cerrno>
 #include <cstdarg>
 #include <cstdio>
@@ -203,15 +205,7 @@ void logWith(RepeatFilter& repeats, LoggerImplInterface* impl, const std::string
 
 void LoggerImpl::emit(Severity severity, const std::string& name, const std::string& second,
                       std::string_view message) {
-    timespec now{};
-    clock_gettime(CLOCK_REALTIME, &now);
-    tm parts{};
-    const time_t seconds = now.tv_sec;
-    gmtime_r(&seconds, &parts);
-    char stamp[64];
-    std::snprintf(stamp, sizeof stamp, "%04d-%02d-%02dT%02d:%02d:%02d.%06ldZ", parts.tm_year + 1900,
-                  parts.tm_mon + 1, parts.tm_mday, parts.tm_hour, parts.tm_min, parts.tm_sec,
-                  static_cast<long>(now.tv_nsec / 1000));
+    const std::string stamp = quarvel::utcTimestamp(6);
 
     std::string line;
     line.reserve(message.size() + name.size() + second.size() + 64);

@@ -62,7 +62,9 @@ private:
     void work();
     void compress(Slot& slot, libdeflate_compressor* compressor,
                   std::vector<uint8_t>& bigEndian) const;
-    Slot& slotOf(uint64_t sequence) { return mSlots[sequence % mSlots.size()]; }
+    Slot& slotOf(uint64_t sequence) {
+        return mSlots[static_cast<size_t>(sequence % mSlots.size())];
+    }
 
     const size_t mChunkBytes;
     const int mLevel;

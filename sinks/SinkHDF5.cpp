@@ -4,6 +4,7 @@
 
 #include <H5Cpp.h>
 
+#include "platform/UtcTime.h"
 #include "platform/Version.h"
 
 #include <algorithm>
@@ -106,20 +107,6 @@ std::string moveAside(const std::string& path) {
         }
     }
     return {};
-}
-
-// UTC, ISO 8601 with milliseconds: 2026-11-23T20:30:10.123Z.
-std::string utcNow() {
-    timespec now{};
-    clock_gettime(CLOCK_REALTIME, &now);
-    tm parts{};
-    const time_t seconds = now.tv_sec;
-    gmtime_r(&seconds, &parts);
-    char text[64];
-    std::snprintf(text, sizeof text, "%04d-%02d-%02dT%02d:%02d:%02d.%03ldZ", parts.tm_year + 1900,
-                  parts.tm_mon + 1, parts.tm_mday, parts.tm_hour, parts.tm_min, parts.tm_sec,
-                  static_cast<long>(now.tv_nsec / 1000000));
-    return text;
 }
 
 std::string hostName() {
@@ -441,7 +428,7 @@ void SinkHDF5::createAttributes() {
     number("data_bytes", H5::PredType::STD_U32LE, H5::PredType::NATIVE_UINT32,
            &mDescription.dataBytes);
     number("data_rate", H5::PredType::STD_U8LE, H5::PredType::NATIVE_UINT8, &mDescription.dataRate);
-    const std::string now = utcNow();
+    const std::string now = utcTimestamp(3);
     createStringAttribute(*mDataSet, "start_time", 0, now);
     // While recording: the time of the last checkpoint.
     mEndTime = createStringAttribute(*mDataSet, "end_time", now.size() + 1, now);
@@ -453,7 +440,7 @@ void SinkHDF5::createAttributes() {
 void SinkHDF5::checkpoint() {
     const uint64_t values = storedValues();
     mRecordedValues->write(H5::PredType::NATIVE_UINT64, &values);
-    writeStringAttribute(*mEndTime, utcNow());
+    writeStringAttribute(*mEndTime, utcTimestamp(3));
     mFile->flush(H5F_SCOPE_LOCAL);
     mCheckpointValues = values;
     mNextCheckpoint = std::chrono::steady_clock::now() + kCheckpointPeriod;
@@ -617,7 +604,7 @@ void SinkHDF5::finishAttributes(State state, const std::string& failure) {
     // Fixed-size values overwritten in place: they need no new room on a full disk.
     const uint64_t values = mCheckpointValues;
     mRecordedValues->write(H5::PredType::NATIVE_UINT64, &values);
-    writeStringAttribute(*mEndTime, utcNow());
+    writeStringAttribute(*mEndTime, utcTimestamp(3));
     const char* const names[] = {"recording", "complete", "stopped", "failed"};
     writeStringAttribute(*mStateAttribute, names[static_cast<int>(state)]);
     if (state == State::Failed) {

@@ -130,7 +130,7 @@ Recording readRecording(const std::string& path, hsize_t limit = ~hsize_t{0}) {
     space.getSimpleExtentDims(&r.length);
     hsize_t read = std::min(r.length, limit);
     const hsize_t start = 0;
-    r.values.resize(read);
+    r.values.resize(static_cast<size_t>(read));
     space.selectHyperslab(H5S_SELECT_SET, &read, &start);
     dataset.read(r.values.data(), H5::PredType::NATIVE_INT32, H5::DataSpace(1, &read), space);
     return r;

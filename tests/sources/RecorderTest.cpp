@@ -218,7 +218,8 @@ TEST_F(RecorderTest, FifoIsReadUnbufferedAndEveryByteArrivesInOrder) {
     std::string received;
     const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
     while (!recorder.isEndOfData() && std::chrono::steady_clock::now() < deadline) {
-        received.append(buffer.begin(), buffer.begin() + recorder.read(buffer.data(), 64));
+        received.append(reinterpret_cast<const char*>(buffer.data()),
+                        recorder.read(buffer.data(), 64));
     }
     writer.join();
     EXPECT_TRUE(received == data) << "received " << received.size() << " bytes";
