@@ -44,8 +44,8 @@ ChunkCompressor::ChunkCompressor(size_t chunkBytes, unsigned workers, int level)
     // Enough chunks in flight to keep every worker busy while the caller writes one out.
     mSlots.resize(4 * static_cast<size_t>(count));
     for (Slot& slot : mSlots) {
-        slot.input.resize(chunkBytes);
-        slot.output.resize(chunkBytes);
+        slot.input.resize(kChunksPerSlot * chunkBytes);
+        slot.output.resize(kChunksPerSlot * chunkBytes);
     }
     try {
         for (unsigned i = 0; i < count; ++i) {
@@ -71,11 +71,22 @@ ChunkCompressor::~ChunkCompressor() {
 }
 
 uint8_t* ChunkCompressor::fillBuffer() {
-    return slotOf(mFilled).input.data();
+    return slotOf(mFilled).input.data() + mFillCount * mChunkBytes;
 }
 
 void ChunkCompressor::submit() {
+    if (++mFillCount == kChunksPerSlot) {
+        flush();
+    }
+}
+
+void ChunkCompressor::flush() {
+    if (mFillCount == 0) {
+        return;
+    }
     Slot& slot = slotOf(mFilled++);
+    slot.count = mFillCount;
+    mFillCount = 0;
     if (mThreads.empty()) {
         if (mInlineCompressor == nullptr) {
             mInlineCompressor = libdeflate_alloc_compressor(mLevel);
@@ -97,22 +108,31 @@ void ChunkCompressor::submit() {
 }
 
 ChunkCompressor::Chunk ChunkCompressor::takeOldest(bool wait) {
-    if (inFlight() == 0) {
-        return {};
+    if (mTaken == mFilled) {
+        return {}; // nothing sent, at most a batch still being filled
     }
     Slot& slot = slotOf(mTaken);
-    std::unique_lock<std::mutex> lock(mMutex);
-    if (wait) {
-        mDone.wait(lock, [&slot] { return slot.state == State::Done; });
-    } else if (slot.state != State::Done) {
-        return {};
+    {
+        std::unique_lock<std::mutex> lock(mMutex);
+        if (wait) {
+            mDone.wait(lock, [&slot] { return slot.state == State::Done; });
+        } else if (slot.state != State::Done) {
+            return {};
+        }
     }
-    return {slot.output.data(), slot.outputSize, slot.compressed};
+    return {slot.output.data() + mTakenCount * mChunkBytes, slot.sizes[mTakenCount],
+            slot.compressed[mTakenCount]};
 }
 
 void ChunkCompressor::release() {
+    Slot& slot = slotOf(mTaken);
+    if (++mTakenCount < slot.count) {
+        return;
+    }
+    mTakenCount = 0;
     std::lock_guard<std::mutex> lock(mMutex);
-    slotOf(mTaken++).state = State::Free;
+    slot.state = State::Free;
+    ++mTaken;
 }
 
 void ChunkCompressor::work() {
@@ -138,17 +158,21 @@ void ChunkCompressor::work() {
 // filter would.
 void ChunkCompressor::compress(Slot& slot, libdeflate_compressor* compressor,
                                std::vector<uint8_t>& bigEndian) const {
-    toBigEndian(slot.input.data(), bigEndian.data(), mChunkBytes);
-    const size_t size = compressor == nullptr
-                            ? 0
-                            : libdeflate_zlib_compress(compressor, bigEndian.data(), mChunkBytes,
-                                                       slot.output.data(), mChunkBytes - 1);
-    slot.compressed = size != 0;
-    if (slot.compressed) {
-        slot.outputSize = size;
-    } else {
-        std::memcpy(slot.output.data(), bigEndian.data(), mChunkBytes);
-        slot.outputSize = mChunkBytes;
+    for (size_t i = 0; i < slot.count; ++i) {
+        const size_t at = i * mChunkBytes;
+        toBigEndian(slot.input.data() + at, bigEndian.data(), mChunkBytes);
+        const size_t size =
+            compressor == nullptr
+                ? 0
+                : libdeflate_zlib_compress(compressor, bigEndian.data(), mChunkBytes,
+                                           slot.output.data() + at, mChunkBytes - 1);
+        slot.compressed[i] = size != 0;
+        if (size != 0) {
+            slot.sizes[i] = size;
+        } else {
+            std::memcpy(slot.output.data() + at, bigEndian.data(), mChunkBytes);
+            slot.sizes[i] = mChunkBytes;
+        }
     }
 }
 

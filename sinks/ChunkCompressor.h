@@ -17,9 +17,10 @@ namespace quarvel {
 // per online CPU unless told otherwise; without any, on the caller's thread.
 //
 // One caller (the file's writer) fills chunks in order and takes them back in the same order.
-// At most slots() chunks are in flight: with all of them taken, the caller must take the
-// oldest back (waitForOldest) before it can fill another. Workers never fail: a compressor
-// that cannot be had stores the chunk uncompressed.
+// Chunks travel in batches (a slot), so that a hand-over between threads serves several
+// chunks: a batch goes to the workers once it is full, or on flush(). At most slots() batches
+// are in flight; when full(), the caller must take chunks back before it can fill another.
+// Workers never fail: a compressor that cannot be had stores the chunk uncompressed.
 class ChunkCompressor {
 public:
     struct Chunk {
@@ -27,6 +28,8 @@ public:
         size_t size = 0;
         bool compressed = false;
     };
+
+    static constexpr size_t kChunksPerSlot = 8;
 
     ChunkCompressor(size_t chunkBytes, unsigned workers, int level = 6);
     ~ChunkCompressor();
@@ -37,14 +40,16 @@ public:
     size_t chunkBytes() const { return mChunkBytes; }
     size_t slots() const { return mSlots.size(); }
     size_t workers() const { return mThreads.size(); }
-    size_t inFlight() const { return static_cast<size_t>(mFilled - mTaken); }
-    bool full() const { return inFlight() == slots(); }
+    // No room for another chunk until chunks are taken back.
+    bool full() const { return mFillCount == 0 && mFilled - mTaken == mSlots.size(); }
 
     // The chunkBytes buffer of the next chunk; only while !full().
     uint8_t* fillBuffer();
-    // Hands the filled buffer over for compression.
+    // The chunk is filled; a full batch goes to the workers.
     void submit();
-    // The oldest chunk in flight once compressed, or an empty chunk when none is in flight
+    // Sends a batch that is not full yet to the workers.
+    void flush();
+    // The oldest chunk not yet taken back, once compressed; an empty chunk when there is none
     // (or, with wait false, when it is not compressed yet). Valid until release().
     Chunk takeOldest(bool wait);
     void release();
@@ -52,10 +57,11 @@ public:
 private:
     enum class State { Free, Queued, Busy, Done };
     struct Slot {
-        std::vector<uint8_t> input;
-        std::vector<uint8_t> output;
-        size_t outputSize = 0;
-        bool compressed = false;
+        std::vector<uint8_t> input;  // kChunksPerSlot chunks
+        std::vector<uint8_t> output; // the same, each chunk at its own place
+        size_t count = 0;            // chunks in the batch
+        size_t sizes[kChunksPerSlot] = {};
+        bool compressed[kChunksPerSlot] = {};
         State state = State::Free;
     };
 
@@ -69,13 +75,15 @@ private:
     const size_t mChunkBytes;
     const int mLevel;
     std::vector<Slot> mSlots;
-    uint64_t mFilled = 0; // chunks submitted; the caller's alone
-    uint64_t mTaken = 0;  // chunks taken back
-    uint64_t mQueued = 0; // chunks handed to a worker, under mMutex
+    uint64_t mFilled = 0;   // batches sent to the workers; the caller's alone
+    size_t mFillCount = 0;  // chunks in the batch being filled
+    uint64_t mTaken = 0;    // batches taken back
+    size_t mTakenCount = 0; // chunks taken back of the oldest batch
+    uint64_t mQueued = 0;   // batches a worker has started, under mMutex
 
     std::mutex mMutex;
-    std::condition_variable mWork; // a chunk is queued, or the pool stops
-    std::condition_variable mDone; // a chunk is compressed
+    std::condition_variable mWork; // a batch is queued, or the pool stops
+    std::condition_variable mDone; // a batch is compressed
     uint64_t mSubmitted = 0;       // under mMutex
     bool mStopping = false;
     std::vector<std::thread> mThreads;

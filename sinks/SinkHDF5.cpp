@@ -490,8 +490,13 @@ uint32_t SinkHDF5::write(const uint8_t* buffer, uint32_t len) {
         mWriteOffset += values;
         mValuesWritten.store(mWriteOffset);
         pellumDoLog(Severity::Info, "-write(%u): wrote %u values", {}, len, values);
-        if (mChunksWritten - mCheckpointChunks >= kCheckpointChunks ||
-            std::chrono::steady_clock::now() >= mNextCheckpoint) {
+        if (std::chrono::steady_clock::now() >= mNextCheckpoint) {
+            // A slow recording's whole chunks are in the file within a second.
+            mCompressor->flush();
+            while (writeOldestChunk(true)) {
+            }
+            checkpoint();
+        } else if (mChunksWritten - mCheckpointChunks >= kCheckpointChunks) {
             checkpoint();
         }
     } catch (const H5::Exception& error) {
@@ -560,6 +565,7 @@ void SinkHDF5::finishChunks() {
         mCompressor->submit();
         mFill = 0;
     }
+    mCompressor->flush();
     while (writeOldestChunk(true)) {
     }
 }
