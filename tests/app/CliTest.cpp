@@ -447,8 +447,9 @@ std::vector<int32_t> decoded(const std::string& conf, const std::string& bytes) 
     const auto byte = [&](size_t i) { return static_cast<uint8_t>(bytes[i]); };
     for (size_t i = 0; i + 4 <= bytes.size(); i += 4) {
         if (conf == "int32") {
-            values.push_back(static_cast<int32_t>(byte(i) | byte(i + 1) << 8 | byte(i + 2) << 16 |
-                                                  static_cast<uint32_t>(byte(i + 3)) << 24));
+            values.push_back(static_cast<int32_t>(uint32_t{byte(i)} | uint32_t{byte(i + 1)} << 8 |
+                                                  uint32_t{byte(i + 2)} << 16 |
+                                                  uint32_t{byte(i + 3)} << 24));
         } else if (conf == "tavoadc") {
             values.push_back(static_cast<int16_t>(byte(i) << 8 | byte(i + 1)) >> 2);
         } else {

@@ -68,7 +68,7 @@ struct Fake : AbstractDataSource, AbstractDataSink {
     uint32_t write(const uint8_t* buffer, uint32_t len) override {
         const uint32_t n = std::min(len, maxPerWrite);
         for (uint32_t i = 0; i < n; ++i, ++received) {
-            misplaced += buffer[i] != received % 251 ? 1 : 0;
+            misplaced += buffer[i] != received % 251 ? 1u : 0u;
         }
         return n;
     }
