@@ -32,17 +32,6 @@ JobResult exitWith(int32_t code) {
     return JobResult{0, code};
 }
 
-// The failure texts of the movers that failed by themselves, for the file's "failure".
-std::string failureSummary(const std::vector<std::shared_ptr<AbstractDataMover>>& movers) {
-    std::string summary;
-    for (const auto& mover : movers) {
-        if (mover->failed()) {
-            summary += (summary.empty() ? "" : "; ") + mover->name() + ": " + mover->errorText();
-        }
-    }
-    return summary;
-}
-
 // Waits one progress period, but wakes within a glance when the run's work has ended: a run
 // ends when its work ends, not at the next progress line.
 void waitPollPeriod(const std::function<bool()>& ended) {
@@ -200,7 +189,9 @@ int QuarvelApp::transfer(Run& run, StopDeadline& deadline) {
                             "Data mover %s failed, aborting all others and breaking loop", {},
                             mover->name().c_str());
                 deadline.arm(2);
-                run.ending(RunOutcome::Failed, failureSummary(movers));
+                std::string errors = collectErrors(movers);
+                errors.pop_back(); // each text ends in a newline
+                run.ending(RunOutcome::Failed, errors);
                 abortMovers(movers);
                 anyFailed = true;
                 break;

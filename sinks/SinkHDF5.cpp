@@ -398,6 +398,7 @@ void SinkHDF5::createFileAndDataSet() {
     mDataSpace = std::move(dataSpace);
     mFile = std::move(file);
     mCompressor = std::make_unique<ChunkCompressor>(chunkDims[0] * mElementSize, mWorkers);
+    mRoomLeft = 0;
     mFill = 0;
     mChunksWritten = 0;
     mValuesWritten.store(0);
@@ -447,21 +448,33 @@ void SinkHDF5::checkpoint() {
     mCheckpointChunks = mChunksWritten;
 }
 
+// The system is asked only when the room it gave last time is used up, so that the mover's
+// writes do not each cost two system calls.
 void SinkHDF5::ensureRoomFor(uint32_t len) {
+    if (len <= mRoomLeft) {
+        mRoomLeft -= len;
+        return;
+    }
     const uint64_t needed = uint64_t{len} + kCloseReserveBytes;
+    uint64_t room = kRoomRecheckBytes + needed;
     struct stat info {};
-    if (mFileSizeLimit != ~uint64_t{0} && ::fstat(mLockFd, &info) == 0 &&
-        static_cast<uint64_t>(info.st_size) + needed > mFileSizeLimit) {
-        refuseWrite(EFBIG);
+    if (mFileSizeLimit != ~uint64_t{0} && ::fstat(mLockFd, &info) == 0) {
+        const uint64_t size = static_cast<uint64_t>(info.st_size);
+        room = std::min(room, mFileSizeLimit > size ? mFileSizeLimit - size : 0);
+        if (room < needed) {
+            refuseWrite(EFBIG);
+        }
     }
     struct statvfs space {};
     if (::fstatvfs(mLockFd, &space) == 0) {
         // Root may use the blocks that the file system keeps back for it.
         const uint64_t blocks = ::geteuid() == 0 ? space.f_bfree : space.f_bavail;
-        if (blocks * space.f_frsize < needed) {
+        room = std::min(room, blocks * space.f_frsize);
+        if (room < needed) {
             refuseWrite(ENOSPC);
         }
     }
+    mRoomLeft = room - needed;
 }
 
 uint32_t SinkHDF5::write(const uint8_t* buffer, uint32_t len) {

@@ -68,6 +68,9 @@ public:
     // A write is refused (as a full disk) when less than this is left beyond it: closing the
     // file must still find room for HDF5's cached chunks and metadata.
     static constexpr uint64_t kCloseReserveBytes = 2 << 20;
+    // How much may be written before free space and the file size limit are looked at again;
+    // another process may fill the disk meanwhile.
+    static constexpr uint64_t kRoomRecheckBytes = 4 << 20;
 
     // workers: the threads that compress chunks, 0 for one per online CPU.
     explicit SinkHDF5(const std::string& fileName,
@@ -154,6 +157,7 @@ private:
     std::chrono::steady_clock::time_point mNextCheckpoint{};
     uint64_t mCheckpointChunks = 0; // chunks written at the last checkpoint
     uint64_t mFileSizeLimit = ~uint64_t{0};
+    uint64_t mRoomLeft = 0; // bytes that may be written before the room is looked at again
     bool mWriteFailed = false;
     std::string mWriteFailure; // why our own write failed
 

@@ -37,7 +37,7 @@ constexpr bool kEmulated = sizeof(QUARVEL_LAUNCHER) > 1;
 // Sanitized programs stop more slowly.
 constexpr bool kSanitized = sizeof(QUARVEL_SANITIZE) > 1;
 
-struct RunSpec {
+struct Launch {
     std::vector<std::string> args;
     int stopSignal = 0; // sent stopDelay after the program has created its temporary file
     std::chrono::milliseconds stopDelay{0};
@@ -51,7 +51,7 @@ struct RunResult {
     std::chrono::steady_clock::duration stopLatency{}; // from the stop signal to the end
 };
 
-RunResult runQuarvel(const RunSpec& launch) {
+RunResult runQuarvel(const Launch& launch) {
     TempDir streams;
     const std::string outPath = streams.file("out"), errPath = streams.file("err");
     std::istringstream launcher(QUARVEL_LAUNCHER);
@@ -292,29 +292,37 @@ TEST(Cli, MockRecordingHoldsEveryDecodedCounterWordAndDescribesItself) {
     }
 }
 
+// A mock recording that the file could not take whole: the mover texts, the log line that
+// names the file and the reason, and a readable prefix that the file says is all it holds.
+void expectFailedWriteKeptItsData(const RunResult& run, const std::string& file,
+                                  const std::string& reason) {
+    EXPECT_EQ(run.exitCode, 2);
+    EXPECT_EQ(withoutLogLines(run.err),
+              "Transfer to file failed, error = transfer aborted\nunknown\n\n");
+    EXPECT_THAT(run.err, ::testing::HasSubstr("Z ERROR [SinkHDF5] writing " + file +
+                                              " failed: " + reason + "\n"));
+    const Description d = describe(file);
+    EXPECT_EQ(d.state, "failed");
+    EXPECT_THAT(d.failure, ::testing::HasSubstr(reason));
+    EXPECT_GT(d.recordedValues, 1u << 20);
+    expectMockPrefix(file, d.recordedValues);
+}
+
 // SIGXFSZ is ignored: a file size limit (a FAT32 card) ends the run as a failed write, with
 // the data so far in a readable file. Regression: HDF5's exit handlers crashed afterwards.
 TEST(Cli, FileSizeLimitFailsTheRunAndKeepsWhatWasRecorded) {
     TempDir dir;
     const std::string file = dir.file("rec.h5");
-    const RunResult run = runQuarvel({argsFor(file, 256u << 20), 0, 0ms, 8 << 20});
-    EXPECT_EQ(run.exitCode, 2);
-    EXPECT_EQ(withoutLogLines(run.err),
-              "Transfer to file failed, error = transfer aborted\nunknown\n\n");
-    EXPECT_EQ(run.out.find("Transfer successful"), std::string::npos);
-    const Description d = describe(file);
-    EXPECT_EQ(d.state, "failed");
-    EXPECT_THAT(d.failure, ::testing::HasSubstr("File too large"));
-    EXPECT_GT(d.recordedValues, 1u << 20);
-    expectMockPrefix(file, d.recordedValues);
+    expectFailedWriteKeptItsData(runQuarvel({argsFor(file, 256u << 20), 0, 0ms, 8 << 20}), file,
+                                 "File too large");
 }
 
 // Standard output that nobody reads (quarvel ... | head -c 300) does not end the recording.
 TEST(Cli, ClosedStandardOutputDoesNotEndTheRecording) {
     TempDir dir;
-    RunSpec spec{argsFor(dir.file("rec.h5"), 4u << 20)};
-    spec.closedStdout = true;
-    const RunResult run = runQuarvel(spec);
+    Launch launch{argsFor(dir.file("rec.h5"), 4u << 20)};
+    launch.closedStdout = true;
+    const RunResult run = runQuarvel(launch);
     EXPECT_EQ(run.exitCode, 0) << run.err;
     EXPECT_EQ(describe(dir.file("rec.h5")).state, "complete");
 }
@@ -560,17 +568,8 @@ TEST_F(RecorderSchemes, FullDiskFailsTheRunAndTheFileSaysWhy) {
         << std::strerror(errno);
     const MountGuard unmount{disk.path()};
     const std::string file = disk.file("rec.h5");
-    const RunResult run = runQuarvel({argsFor(file, 256u << 20)});
-    EXPECT_EQ(run.exitCode, 2);
-    EXPECT_EQ(withoutLogLines(run.err),
-              "Transfer to file failed, error = transfer aborted\nunknown\n\n");
-    EXPECT_THAT(run.err, ::testing::HasSubstr("Z ERROR [SinkHDF5] writing " + file +
-                                              " failed: No space left on device\n"));
-    const Description d = describe(file);
-    EXPECT_EQ(d.state, "failed");
-    EXPECT_THAT(d.failure, ::testing::HasSubstr("No space left on device"));
-    EXPECT_GT(d.recordedValues, 0u);
-    expectMockPrefix(file, d.recordedValues);
+    expectFailedWriteKeptItsData(runQuarvel({argsFor(file, 256u << 20)}), file,
+                                 "No space left on device");
 }
 
 // The attributes written before the one that fails stay written, those after it are not.

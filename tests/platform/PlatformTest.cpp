@@ -317,8 +317,6 @@ TEST(SleepFor, SignalsDoNotShortenTheSleep) {
     EXPECT_LT(std::chrono::steady_clock::now() - before, 100ms);
 }
 
-// ---- --version ----
-
 // --version wins over a bad log level and every other word: it prints the name and the
 // version on standard output, ends with 0 and runs neither the hook nor the job.
 TEST(Framework, VersionOptionPrintsTheVersionAndEndsBeforeTheHookAndTheJob) {
@@ -334,8 +332,6 @@ TEST(Framework, VersionOptionPrintsTheVersionAndEndsBeforeTheHookAndTheJob) {
     EXPECT_EQ(exitCode, 0);
     EXPECT_TRUE(app.received.empty());
 }
-
-// ---- end of --version ----
 
 } // namespace
 } // namespace quarvel::test

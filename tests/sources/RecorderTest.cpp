@@ -244,48 +244,5 @@ TEST_F(RecorderTest, FifoIsReadUnbufferedAndEveryByteArrivesInOrder) {
     ::close(back);
 }
 
-// A directory opens as a device but every read fails: the reason is told once, and the same
-// two lines each time let the logger hold back the repeats.
-TEST_F(RecorderTest, FailingReadsAreToldOnceWithTheReason) {
-    const std::string directory = dir.file("directory");
-    ASSERT_EQ(::mkdir(directory.c_str(), 0700), 0);
-    Recorder recorder(directory, control);
-    StderrCapture capture(1);
-    recorder.start();
-    std::vector<uint8_t> buffer(8);
-    for (int i = 0; i < 5; ++i) {
-        EXPECT_EQ(recorder.read(buffer.data(), 8), 0u);
-        EXPECT_FALSE(recorder.isEndOfData());
-    }
-    std::istringstream log(capture.text());
-    std::vector<std::string> messages; // without their time stamps
-    for (std::string line; std::getline(log, line);) {
-        messages.push_back(line.substr(line.find(' ') + 1));
-    }
-    EXPECT_THAT(messages,
-                ::testing::ElementsAre(
-                    "ERROR [Recoder] Got error 1 while reading on recorder device",
-                    "ERROR [Recoder] reading " + directory + " failed: " + std::strerror(EISDIR)));
-}
-
-std::atomic<int> gSignalsSeen{0};
-
-// Whatever the handler's flags, a signal interrupts nanosleep.
-TEST_F(RecorderTest, WaitForMaybeDataSleepsItsFullTimeThroughSignals) {
-    const auto previous = std::signal(SIGALRM, [](int) { gSignalsSeen.fetch_add(1); });
-    Recorder recorder(device, control);
-    const itimerval every5ms{{0, 5000}, {0, 5000}}, off{};
-    ASSERT_EQ(::setitimer(ITIMER_REAL, &every5ms, nullptr), 0);
-    const auto start = std::chrono::steady_clock::now();
-    recorder.waitForMaybeData();
-    const auto elapsed = std::chrono::steady_clock::now() - start;
-    ::setitimer(ITIMER_REAL, &off, nullptr);
-    std::signal(SIGALRM, previous);
-
-    EXPECT_GT(gSignalsSeen.load(), 1);
-    EXPECT_GE(elapsed, std::chrono::milliseconds(45));
-    EXPECT_LT(elapsed, std::chrono::seconds(2));
-}
-
 } // namespace
 } // namespace quarvel
