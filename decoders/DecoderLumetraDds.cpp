@@ -19,10 +19,10 @@ uint32_t DecoderLumetraDds::outputSizeFor(uint32_t inputSize) {
     return inputSize * 2;
 }
 
-void DecoderLumetraDds::decode(const uint8_t* words, uint32_t len, std::deque<int32_t>& out) const {
+void DecoderLumetraDds::decode(const uint8_t* words, uint32_t len, int32_t* out) const {
     for (uint32_t i = 0; i < len; i += 2) {
         const int32_t value = int32_t{words[i]} | (int32_t{words[i + 1]} << 8);
-        out.push_back(value >= 32768 ? value - 65536 : value);
+        *out++ = value >= 32768 ? value - 65536 : value;
     }
 }
 

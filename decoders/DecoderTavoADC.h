@@ -14,7 +14,7 @@ public:
     uint32_t outputSizeFor(uint32_t inputSize) override { return inputSize; }
 
 private:
-    void decode(const uint8_t* words, uint32_t len, std::deque<int32_t>& out) const override;
+    void decode(const uint8_t* words, uint32_t len, int32_t* out) const override;
 };
 
 } // namespace quarvel

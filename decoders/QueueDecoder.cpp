@@ -44,17 +44,32 @@ bool QueueDecoder::writerMayAppend(size_t samples) const {
     return size < mCapacity && samples <= mCapacity - size;
 }
 
+bool QueueDecoder::writerMayResume(size_t samples) const {
+    if (mClosed || mBuffer.empty()) {
+        return true;
+    }
+    const size_t size = mBuffer.size();
+    return size <= mCapacity / 2 && samples <= mCapacity - size;
+}
+
 void QueueDecoder::waitForRoom(std::unique_lock<std::mutex>& lock, size_t samples) {
-    while (!writerMayAppend(samples)) {
+    if (writerMayAppend(samples)) {
+        return;
+    }
+    // A writer held by a full queue waits until the reader has taken half of it, not just room
+    // for its call: waking it for every read would cost two context switches per read.
+    mWriterWaiting = true;
+    while (!writerMayResume(samples)) {
         if (mOpenCount.load() >= 2) {
             mRoomMade.wait(lock);
         } else if (mRoomMade.wait_for(lock, kLoneWriterWait) == std::cv_status::timeout &&
                    mOpenCount.load() < 2) {
             // Still no reader: its mover may have failed to start, and the run is then
             // releasing ours, which can only see its stop request once this write returns.
-            return;
+            break;
         }
     }
+    mWriterWaiting = false;
 }
 
 uint32_t QueueDecoder::write(const uint8_t* buffer, uint32_t len) {
@@ -67,7 +82,13 @@ uint32_t QueueDecoder::write(const uint8_t* buffer, uint32_t len) {
     {
         std::unique_lock<std::mutex> lock(mMutex);
         waitForRoom(lock, samples);
-        decode(buffer, len, mBuffer);
+        int32_t piece[kPieceSamples];
+        const uint32_t pieceBytes = static_cast<uint32_t>(kPieceSamples / mSamplesPerWord * 4);
+        for (uint32_t at = 0; at < len; at += pieceBytes) {
+            const uint32_t bytes = std::min(pieceBytes, len - at);
+            decode(buffer + at, bytes, piece);
+            mBuffer.insert(mBuffer.end(), piece, piece + bytes / 4 * mSamplesPerWord);
+        }
         ++mGeneration;
         count = mBuffer.size();
         mPeak = std::max(mPeak, count);
@@ -84,18 +105,24 @@ uint32_t QueueDecoder::read(uint8_t* buffer, uint32_t bufferLen) {
     }
     size_t count = 0;
     size_t left = 0;
+    bool wakeWriter = false;
     {
         std::lock_guard<std::mutex> lock(mMutex);
         count = std::min<size_t>(bufferLen / 4, mBuffer.size());
-        const auto end = mBuffer.begin() + static_cast<std::ptrdiff_t>(count);
-        uint8_t* out = buffer;
-        for (auto it = mBuffer.begin(); it != end; ++it, out += sizeof(int32_t)) {
-            std::memcpy(out, &*it, sizeof(int32_t)); // the caller's buffer need not be aligned
+        // Through an aligned piece, because the caller's buffer need not be aligned.
+        int32_t piece[kPieceSamples];
+        auto from = mBuffer.begin();
+        for (size_t at = 0; at < count; at += kPieceSamples) {
+            const auto n = static_cast<std::ptrdiff_t>(std::min(kPieceSamples, count - at));
+            std::copy(from, from + n, piece);
+            std::memcpy(buffer + at * sizeof(int32_t), piece, static_cast<size_t>(n) * 4);
+            from += n;
         }
-        mBuffer.erase(mBuffer.begin(), end);
+        mBuffer.erase(mBuffer.begin(), from);
         left = mBuffer.size();
+        wakeWriter = mWriterWaiting && count > 0 && left <= mCapacity / 2;
     }
-    if (count > 0) {
+    if (wakeWriter) {
         mRoomMade.notify_all();
     }
     pellumDoLog(Severity::Debug, "-read, read %u elements, mBuffer.size() = %u", {},

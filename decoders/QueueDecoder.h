@@ -18,14 +18,14 @@ namespace quarvel {
 // waitForMaybeData).
 //
 // The queue holds at most mCapacity decoded samples. A write whose samples do not fit
-// blocks the writer until reads have made room; its samples are then appended all at once,
-// so a reader sees none or all of one call. A single call larger than the whole capacity is
-// let in when the queue is empty, so it cannot deadlock; the queue then briefly holds more.
-// Before both sides have opened the decoder, a writer waits at most kLoneWriterWait per call
-// and then appends anyway: a reader whose mover failed to start would never make room. After
-// either side has closed it, the writer no longer waits (the reader is gone, or nothing more
-// comes). read never blocks; waitForMaybeData waits for a write, a close or kWaitTimeout,
-// whichever comes first.
+// blocks the writer until reads have left the queue at most half full with room for them;
+// its samples are then appended all at once, so a reader sees none or all of one call. A single
+// call larger than the whole capacity is let in when the queue is empty, so it cannot deadlock; the
+// queue then briefly holds more. Before both sides have opened the decoder, a writer waits at most
+// kLoneWriterWait per call and then appends anyway: a reader whose mover failed to start would
+// never make room. After either side has closed it, the writer no longer waits (the reader is gone,
+// or nothing more comes). read never blocks; waitForMaybeData waits for a write, a close or
+// kWaitTimeout, whichever comes first.
 class QueueDecoder : public AbstractDecoder, public virtual morvik::pellum::log::Logger {
 public:
     static constexpr const char* kLoggerName = "DecoderInt32LEToCutInt16LE";
@@ -53,11 +53,17 @@ protected:
     QueueDecoder(size_t capacitySamples, size_t samplesPerWord);
     ~QueueDecoder() override = default;
 
-    // Appends the samples of the len / 4 words at words to out; called under mMutex.
-    virtual void decode(const uint8_t* words, uint32_t len, std::deque<int32_t>& out) const = 0;
+    // Decodes the len / 4 words at words into out, which has room for all their samples;
+    // called under mMutex.
+    virtual void decode(const uint8_t* words, uint32_t len, int32_t* out) const = 0;
 
 private:
+    // Samples move into and out of mBuffer through a plain array of this many, so that the
+    // queue is filled and drained by block copies rather than one push or pop per sample.
+    static constexpr size_t kPieceSamples = 4096;
+
     bool writerMayAppend(size_t samples) const;
+    bool writerMayResume(size_t samples) const;
     void waitForRoom(std::unique_lock<std::mutex>& lock, size_t samples);
 
     std::deque<int32_t> mBuffer;
@@ -69,6 +75,7 @@ private:
     // Atomic, so that open() never queues for the mutex behind a writer.
     std::atomic<unsigned> mOpenCount{0};
     bool mClosed = false;
+    bool mWriterWaiting = false;
     size_t mPeak = 0;
     const size_t mCapacity = kDefaultCapacity;
     const size_t mSamplesPerWord = 1;

@@ -131,6 +131,30 @@ TEST(Decoders, DecodeWholeWordsIntoWholeSamplesAndWaitOnlyWhileNoneAreBuffered) 
                         "decode to more than 4294967295 bytes"));
 }
 
+// Calls of many thousand samples, as the movers make them, in and out in odd sizes.
+TEST(Decoders, LargeCallsKeepEverySampleInOrder) {
+    constexpr size_t kWords = 20011;
+    DecoderTavoADC tavo(4 * kWords);
+    writeSamples(tavo, 0, kWords);
+    DecoderLumetraDds lumetra(4 * kWords);
+    std::vector<uint8_t> words;
+    Samples expected;
+    for (size_t i = 0; i < 2 * kWords; ++i) {
+        const auto value = static_cast<int16_t>(i * 40503u);
+        words.insert(words.end(), {uint8_t(value), uint8_t(uint16_t(value) >> 8)});
+        expected.push_back(value);
+    }
+    lumetra.write(words.data(), static_cast<uint32_t>(words.size()));
+    for (auto [decoder, want] :
+         {std::pair<QueueDecoder*, Samples>{&tavo, samplesOf(0, kWords)}, {&lumetra, expected}}) {
+        Samples got;
+        for (Samples part; !(part = readSamples(*decoder, 5003)).empty();) {
+            got.insert(got.end(), part.begin(), part.end());
+        }
+        EXPECT_TRUE(got == want) << got.size() << " of " << want.size() << " samples";
+    }
+}
+
 TEST(Decoders, StreamsMillionsOfSamplesInOrderWithinASmallCapacity) {
     constexpr size_t kCapacity = 1024;
     constexpr size_t kTotal = 2 * 1024 * 1024;
@@ -159,23 +183,28 @@ TEST(Decoders, StreamsMillionsOfSamplesInOrderWithinASmallCapacity) {
     EXPECT_LE(decoder->peakBufferedSamples(), kCapacity);
 }
 
-TEST(Decoders, FullQueueHoldsTheWriterUntilAReadMakesRoomOrACloseReleasesIt) {
-    auto decoder = makeRunning(4);
-    writeSamples(*decoder, 0, 4);
-    auto pending = writeAsync(decoder, 4, 2);
+TEST(Decoders, FullQueueHoldsTheWriterUntilReadsHalveItOrACloseReleasesIt) {
+    auto decoder = makeRunning(8);
+    writeSamples(*decoder, 0, 8);
+    auto pending = writeAsync(decoder, 8, 1);
     EXPECT_TRUE(blocked(pending));
-    readSamples(*decoder, 1);
-    EXPECT_TRUE(blocked(pending)) << "room for fewer samples than the call brings";
+    readSamples(*decoder, 3);
+    EXPECT_TRUE(blocked(pending)) << "room for the call, but the queue is still over half full";
     readSamples(*decoder, 1);
     ASSERT_TRUE(finishes(pending, *decoder));
+    auto larger = writeAsync(decoder, 9, 5);
+    readSamples(*decoder, 1);
+    EXPECT_TRUE(blocked(larger)) << "half full, but room for fewer samples than the call brings";
+    readSamples(*decoder, 1);
+    ASSERT_TRUE(finishes(larger, *decoder));
 
-    auto released = writeAsync(decoder, 6, 2);
+    auto released = writeAsync(decoder, 14, 2);
     EXPECT_TRUE(blocked(released));
     decoder->close();
     ASSERT_TRUE(finishes(released, *decoder));
-    auto later = writeAsync(decoder, 8, 2);
+    auto later = writeAsync(decoder, 16, 2);
     ASSERT_TRUE(finishes(later, *decoder)) << "a write after close must not wait";
-    EXPECT_EQ(readSamples(*decoder, 100), samplesOf(2, 8));
+    EXPECT_EQ(readSamples(*decoder, 100), samplesOf(6, 12));
 
     auto small = makeRunning(1);
     auto large = writeAsync(small, 0, 8);
