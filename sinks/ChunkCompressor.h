@@ -85,6 +85,8 @@ private:
     std::condition_variable mWork; // a batch is queued, or the pool stops
     std::condition_variable mDone; // a batch is compressed
     uint64_t mSubmitted = 0;       // under mMutex
+    // The batches the caller waits for in takeOldest, or none; under mMutex.
+    const Slot* mAwaited[2] = {nullptr, nullptr};
     bool mStopping = false;
     std::vector<std::thread> mThreads;
     libdeflate_compressor* mInlineCompressor = nullptr; // when no worker could start
