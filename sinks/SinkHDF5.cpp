@@ -1,6 +1,7 @@
 #include "sinks/SinkHDF5.h"
 
 #include "sinks/ChunkCompressor.h"
+#include "sinks/WriteBehindDriver.h"
 
 #include <H5Cpp.h>
 
@@ -371,7 +372,7 @@ void SinkHDF5::createFileAndDataSet() {
     // Built aside and kept only when all of it exists.
     auto file =
         std::make_unique<H5::H5File>(mTemporaryName, H5F_ACC_TRUNC, H5::FileCreatPropList::DEFAULT,
-                                     H5::FileAccPropList::DEFAULT);
+                                     WriteBehindDriver::fileAccess());
     if (!limitMetadataCache(file->getId(), mMetadataCacheBytes)) {
         pellumDoLog(Severity::Warning,
                     "could not limit HDF5's metadata cache; memory grows with the file", {});
