@@ -1,6 +1,7 @@
-// Black-box runs of the built program, through the emulator in cross builds. The recorder
-// schemes read a regular file or a FIFO as their device (number 0:0), whose control directory
-// is on a tmpfs over /sys/dev/char in a mount namespace of this test (root only).
+// Black-box runs of the built program, through the emulator in cross builds: each row is one
+// run, with its exit code, what it prints and what it leaves. The recorder schemes read a regular
+// file, a FIFO or a directory as their device (number 0:0), whose control directory is on a
+// tmpfs over /sys/dev/char in a mount namespace of this test (root only).
 
 #include "tests/support/TestSupport.h"
 
@@ -11,18 +12,14 @@
 #include <atomic>
 #include <chrono>
 #include <csignal>
-#include <cstring>
 #include <filesystem>
-#include <functional>
-#include <iterator>
+#include <map>
 #include <regex>
 #include <sstream>
 #include <thread>
 #include <vector>
 
-#include <sched.h>
 #include <sys/ioctl.h>
-#include <sys/mount.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -31,18 +28,23 @@ namespace quarvel::test {
 namespace {
 
 using namespace std::chrono_literals;
+using ::testing::_;
+using ::testing::HasSubstr;
+using ::testing::IsEmpty;
+using Text = ::testing::Matcher<const std::string&>;
+namespace fs = std::filesystem;
 
 // Cross builds run the program through the emulator that runs the tests.
 constexpr bool kEmulated = sizeof(QUARVEL_LAUNCHER) > 1;
-// Sanitized programs stop more slowly.
-constexpr bool kSanitized = sizeof(QUARVEL_SANITIZE) > 1;
+// Sanitized and emulated programs record and stop more slowly.
+constexpr bool kSlow = kEmulated || sizeof(QUARVEL_SANITIZE) > 1;
 
 struct Launch {
-    std::vector<std::string> args;
     int stopSignal = 0; // sent stopDelay after the program has created its temporary file
     std::chrono::milliseconds stopDelay{0};
-    rlim_t fileSizeLimit = RLIM_INFINITY; // a full disk
-    bool closedStdout = false;            // standard output is a pipe nobody reads
+    rlim_t fileSizeLimit = RLIM_INFINITY;
+    bool closedStdout = false; // standard output is a pipe nobody reads
+    std::vector<std::string> args = {};
 };
 
 struct RunResult {
@@ -51,18 +53,31 @@ struct RunResult {
     std::chrono::steady_clock::duration stopLatency{}; // from the stop signal to the end
 };
 
+std::vector<std::string> split(const std::string& words) {
+    std::istringstream in(words);
+    return {std::istream_iterator<std::string>(in), {}};
+}
+
+// The value of --name=VALUE among args; empty when it is not given so.
+std::string option(const std::vector<std::string>& args, const std::string& name) {
+    for (const auto& arg : args) {
+        if (arg.rfind("--" + name + "=", 0) == 0) {
+            return arg.substr(name.size() + 3);
+        }
+    }
+    return {};
+}
+
 RunResult runQuarvel(const Launch& launch) {
     TempDir streams;
     const std::string outPath = streams.file("out"), errPath = streams.file("err");
-    std::istringstream launcher(QUARVEL_LAUNCHER);
-    std::vector<std::string> argv{std::istream_iterator<std::string>(launcher), {}};
+    const std::string part = option(launch.args, "file") + ".part"; // the stop signal waits for it
+    std::vector<std::string> argv = split(QUARVEL_LAUNCHER);
     argv.push_back(QUARVEL_BINARY);
     argv.insert(argv.end(), launch.args.begin(), launch.args.end());
-    std::string output; // the stop signal waits for it
     std::vector<char*> pointers;
     for (auto& arg : argv) {
         pointers.push_back(arg.data());
-        output = arg.rfind("--file=", 0) == 0 ? arg.substr(7) : output;
     }
     pointers.push_back(nullptr);
 
@@ -96,8 +111,7 @@ RunResult runQuarvel(const Launch& launch) {
         if (now > deadline) {
             kill(pid, SIGKILL); // a hang fails the test, not the whole suite
         }
-        if (launch.stopSignal != 0 && created == never &&
-            access((output + ".part").c_str(), F_OK) == 0) {
+        if (launch.stopSignal != 0 && created == never && access(part.c_str(), F_OK) == 0) {
             created = now;
         }
         if (created != never && signalled == never && now >= created + launch.stopDelay) {
@@ -116,344 +130,101 @@ std::string withoutLogLines(const std::string& text) {
     return std::regex_replace(text, std::regex(R"(\d{4}-\d\d-\d\dT\S*Z [^\n]*\n)"), "");
 }
 
-// The length of a recording and its first values, up to the limit asked for.
-struct Recording {
-    hsize_t length = 0;
-    std::vector<int32_t> values;
+MATCHER_P(Fully, pattern, "") {
+    return std::regex_match(arg, std::regex(pattern));
+}
+
+// Where one run happens, and what the test does around it.
+struct Scene {
+    ~Scene() {
+        finish();
+        for (const auto& last : atEnd) {
+            last();
+        }
+    }
+    // Ends the test's helpers, once the program has ended.
+    void finish() {
+        ended = true;
+        for (auto& helper : helpers) {
+            if (helper.joinable()) {
+                helper.join();
+            }
+        }
+    }
+    std::string expand(std::string text) const {
+        for (const auto& [key, value] : {std::pair<std::string, std::string>{"{file}", file},
+                                         {"{dev}", device},
+                                         {"{dir}", dir.path()}}) {
+            for (size_t at; (at = text.find(key)) != std::string::npos;) {
+                text.replace(at, key.size(), value);
+            }
+        }
+        return text;
+    }
+
+    TempDir dir;
+    std::string file = dir.file("rec.h5"), device = dir.file("device");
+    std::vector<std::string> args; // of the run, expanded
+    std::string delivered;         // what the device delivers in all
+    std::vector<std::thread> helpers;
+    std::atomic<bool> ended{false};
+    std::vector<std::function<void()>> atEnd; // after the checks of the run
+    std::string skip;                         // why the run cannot be made here
 };
 
-Recording readRecording(const std::string& path, hsize_t limit = ~hsize_t{0}) {
-    H5::Exception::dontPrint();
-    Recording r;
-    const H5::DataSet dataset = H5::H5File(path, H5F_ACC_RDONLY).openDataSet("quarvel");
-    H5::DataSpace space = dataset.getSpace();
-    space.getSimpleExtentDims(&r.length);
-    hsize_t read = std::min(r.length, limit);
-    const hsize_t start = 0;
-    r.values.resize(static_cast<size_t>(read));
-    space.selectHyperslab(H5S_SELECT_SET, &read, &start);
-    dataset.read(r.values.data(), H5::PredType::NATIVE_INT32, H5::DataSpace(1, &read), space);
-    return r;
-}
+// What the test does before the run.
+using Setup = std::function<void(Scene&)>;
 
-// A string attribute of the dataset, as any HDF5 reader sees it.
-std::string stringAttribute(const H5::DataSet& dataset, const char* name) {
-    const H5::Attribute attribute = dataset.openAttribute(name);
-    std::string value;
-    attribute.read(attribute.getStrType(), value);
-    return value.substr(0, value.find('\0'));
-}
+constexpr uint64_t kAll = ~uint64_t{0};
+const char* const kOlder = "an older recording";
 
-// What the file says about its recording.
-struct Description {
-    uint64_t recordedValues = 0;
-    std::string state, failure;
-    bool hasFailure = false;
+// One run and how it must end. In options and texts {file}, {dev} and {dir} stand for the run's
+// own paths.
+struct Row {
+    std::string name;
+    std::vector<std::string> args;
+    int exitCode;
+    Text out;
+    std::string err;      // standard error without its log lines
+    std::string log = {}; // lines that are each once among the log lines, after their time stamp
+    // What is left as FILE: "" nothing, "kept" an older file written before the run, or a
+    // recording in this state ("recording": FILE.part) with all that the source delivered, or
+    // with at least atLeast values.
+    std::string state = {};
+    uint64_t atLeast = kAll;
+    Setup setup = [](Scene&) {};
+    Launch launch = {};
 };
 
-Description describe(const std::string& path) {
-    H5::Exception::dontPrint();
-    const H5::DataSet dataset = H5::H5File(path, H5F_ACC_RDONLY).openDataSet("quarvel");
-    Description d;
-    dataset.openAttribute("recorded_values").read(H5::PredType::NATIVE_UINT64, &d.recordedValues);
-    d.state = stringAttribute(dataset, "state");
-    d.hasFailure = dataset.attrExists("failure");
-    if (d.hasFailure) {
-        d.failure = stringAttribute(dataset, "failure");
-    }
-    return d;
+void PrintTo(const Row& row, std::ostream* out) {
+    *out << row.name;
 }
 
-bool exists(const std::string& path) {
-    return ::access(path.c_str(), F_OK) == 0;
-}
-
-// The sample that the Tavo decoder makes of the mock recorder's k-th counter word.
-int32_t mockSample(size_t k) {
-    return static_cast<int16_t>(static_cast<uint16_t>((k & 0xFF) << 8 | (k >> 8 & 0xFF))) >> 2;
-}
-
-std::vector<std::string> argsFor(const std::string& file, uint32_t bytes,
-                                 const std::string& conf = "mock",
-                                 const std::string& device = "/dev/does-not-exist") {
-    return {"--conf=" + conf, "--rec-dev=" + device, "--file=" + file,
-            "--data-bytes=" + std::to_string(bytes)};
-}
-
-// Runs that end before any data moves: exact streams and exit codes, and no file.
-TEST(Cli, RunsThatCannotStartReportExactly) {
-    TempDir dir;
-    const std::string file = dir.file("rec.h5");
-    const std::string options =
-        "Supported Options:\n"
-        "  --file arg            save the recorded data to the provided file\n"
-        "  --src-addr arg        address at which the recorder starts to write, default \n"
-        "                        is 0\n"
-        "  --data-rate arg       N in formula: used percentage of full speed = 100 - (N \n"
-        "                        * 6.25), default 0 (full data rate)\n"
-        "  --data-bytes arg      Number of bytes to record\n"
-        "  --conf arg            Configuration scheme name\n"
-        "  --rec-dev arg         Path to the recorder device, e.g. /dev/myrecorder\n\n";
-    const std::string schemes =
-        "The requested configuration doesn't exist. Available configurations are: \n"
-        "int32\tDecode 32 bits signed integer, into HDF5\n"
-        "lumetra\tDecode data from Lumetra ADC (Signal or Lock)\n"
-        "mock\tMock data recorder, HDF5 sink\n"
-        "tavoadc\tDecode data from Tavo ADC (Signal or Lock)\n\n";
-    const std::string unknown = "UNKNOWN EXCEPTION THROWN\n";
-    // The last field is a log line that must be among the others (empty: none asked for).
-    const std::tuple<std::vector<std::string>, int, std::string, std::string, std::string> cases[] =
-        {{{},
-          1,
-          options,
-          "no file argument provided but required\nno data-bytes argument provided but required\n"
-          "no configuration name provided, but required\nno recorder device provided\n",
-          ""},
-         {{"--data-rate=10"}, 1, options, "", ""}, // reported in the log
-         {argsFor(file, 4096, "MOCK"), 2, "", schemes, ""},
-         {argsFor(file, 6), 42, "", "EXCPETION THROWNbytesCount must be a multiple of 4\n", ""},
-         {argsFor(file, 4096, "int32"), 42, "",
-          "EXCPETION THROWNFailed to get stat from cdev, file exist?\n", ""},
-         // Destinations that cannot be created; HDF5's own exception type is no
-         // std::exception.
-         {argsFor(dir.file("missing/rec.h5"), 4096), 43, "", unknown,
-          "ERROR [SinkHDF5] cannot create " + dir.file("missing/rec.h5") +
-              ": No such file or directory"},
-         {argsFor(dir.path(), 4096), 43, "", unknown,
-          "ERROR [SinkHDF5] cannot create " + dir.path() + ": Is a directory"},
-         {argsFor("/dev/full", 4096), 43, "", unknown,
-          "ERROR [SinkHDF5] cannot create /dev/full: Not a regular file"}};
-    for (const auto& [args, exitCode, out, err, logLine] : cases) {
-        SCOPED_TRACE(::testing::PrintToString(args));
-        const RunResult run = runQuarvel({args});
-        EXPECT_EQ(run.exitCode, exitCode);
-        EXPECT_EQ(run.out, out);
-        EXPECT_EQ(withoutLogLines(run.err), err);
-        if (!logLine.empty()) {
-            EXPECT_THAT(run.err, ::testing::HasSubstr("Z " + logLine + "\n"));
-        }
-    }
-    EXPECT_NE(access(file.c_str(), F_OK), 0);
-    EXPECT_TRUE(std::filesystem::is_empty(dir.path()))
-        << "a run that could not start left something behind";
-    EXPECT_FALSE(exists(dir.path() + ".part"));
-    EXPECT_FALSE(exists("/dev/full.part"));
-}
-
-// The values from index 0 up to what the file says it recorded are the decoded counter.
-void expectMockPrefix(const std::string& path, uint64_t recorded) {
-    const Recording recording = readRecording(path, recorded);
-    ASSERT_EQ(recording.values.size(), recorded);
-    for (size_t k = 0; k < recording.values.size(); ++k) {
-        ASSERT_EQ(recording.values[k], mockSample(k)) << "sample " << k;
-    }
-}
-
-TEST(Cli, MockRecordingHoldsEveryDecodedCounterWordAndDescribesItself) {
-    for (const uint32_t bytes : {0u, 4096u, 1000000u}) {
-        TempDir dir;
-        const std::string file = dir.file("rec.h5");
-        writeFile(file, "an older recording");
-        const RunResult run = runQuarvel({argsFor(file, bytes)});
-        ASSERT_EQ(run.exitCode, 0) << run.err;
-        EXPECT_EQ(run.err, "");
-        // Progress lines, each rewritten by the next, then the final one.
-        EXPECT_TRUE(std::regex_match(
-            run.out, std::regex("(Transfer: [^\r]*\r)*\rTransfered: (\\S+ \\S+)"
-                                " / \\2     (100|0)%     @ \\S+ \\S+/s {68}Transfer successful\n")))
-            << run.out;
-        EXPECT_FALSE(exists(file + ".part"));
-        const Recording recording = readRecording(file);
-        EXPECT_EQ(recording.length, bytes / 4);
-        expectMockPrefix(file, bytes / 4);
-
-        const Description d = describe(file);
-        EXPECT_EQ(d.state, "complete");
-        EXPECT_EQ(d.recordedValues, bytes / 4);
-        EXPECT_FALSE(d.hasFailure);
-        const H5::DataSet dataset = H5::H5File(file, H5F_ACC_RDONLY).openDataSet("quarvel");
-        EXPECT_EQ(stringAttribute(dataset, "scheme"), "mock");
-        EXPECT_EQ(stringAttribute(dataset, "device"), "/dev/does-not-exist");
-        const std::regex time(R"(\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d\.\d{3}Z)");
-        EXPECT_TRUE(std::regex_match(stringAttribute(dataset, "start_time"), time));
-        EXPECT_TRUE(std::regex_match(stringAttribute(dataset, "end_time"), time));
-        EXPECT_LE(stringAttribute(dataset, "start_time"), stringAttribute(dataset, "end_time"));
-        EXPECT_TRUE(std::regex_match(stringAttribute(dataset, "software"),
-                                     std::regex(R"(quarvel \d+\.\d+\.\d+)")));
-        EXPECT_NE(stringAttribute(dataset, "host"), "");
-        uint32_t dataBytes = 1, srcAddr = 1;
-        uint8_t dataRate = 1;
-        dataset.openAttribute("data_bytes").read(H5::PredType::NATIVE_UINT32, &dataBytes);
-        dataset.openAttribute("src_addr").read(H5::PredType::NATIVE_UINT32, &srcAddr);
-        dataset.openAttribute("data_rate").read(H5::PredType::NATIVE_UINT8, &dataRate);
-        EXPECT_EQ(dataBytes, bytes);
-        EXPECT_EQ(srcAddr, 0u);
-        EXPECT_EQ(dataRate, 0u);
-    }
-}
-
-// A mock recording that the file could not take whole: the mover texts, the log line that
-// names the file and the reason, and a readable prefix that the file says is all it holds.
-void expectFailedWriteKeptItsData(const RunResult& run, const std::string& file,
-                                  const std::string& reason) {
-    EXPECT_EQ(run.exitCode, 2);
-    EXPECT_EQ(withoutLogLines(run.err),
-              "Transfer to file failed, error = transfer aborted\nunknown\n\n");
-    EXPECT_THAT(run.err, ::testing::HasSubstr("Z ERROR [SinkHDF5] writing " + file +
-                                              " failed: " + reason + "\n"));
-    const Description d = describe(file);
-    EXPECT_EQ(d.state, "failed");
-    EXPECT_THAT(d.failure, ::testing::HasSubstr(reason));
-    EXPECT_GT(d.recordedValues, 1u << 20);
-    expectMockPrefix(file, d.recordedValues);
-}
-
-// SIGXFSZ is ignored: a file size limit (a FAT32 card) ends the run as a failed write, with
-// the data so far in a readable file. Regression: HDF5's exit handlers crashed afterwards.
-TEST(Cli, FileSizeLimitFailsTheRunAndKeepsWhatWasRecorded) {
-    TempDir dir;
-    const std::string file = dir.file("rec.h5");
-    expectFailedWriteKeptItsData(runQuarvel({argsFor(file, 256u << 20), 0, 0ms, 8 << 20}), file,
-                                 "File too large");
-}
-
-// Standard output that nobody reads (quarvel ... | head -c 300) does not end the recording.
-TEST(Cli, ClosedStandardOutputDoesNotEndTheRecording) {
-    TempDir dir;
-    Launch launch{argsFor(dir.file("rec.h5"), 4u << 20)};
-    launch.closedStdout = true;
-    const RunResult run = runQuarvel(launch);
-    EXPECT_EQ(run.exitCode, 0) << run.err;
-    EXPECT_EQ(describe(dir.file("rec.h5")).state, "complete");
-}
-
-// A failed start, a second run on a file being written and a crashed run's leftover never
-// cost an existing recording.
-TEST(Cli, RecordingsAreNeverReplacedByRunsThatStoreNothing) {
-    TempDir dir;
-    const std::string file = dir.file("rec.h5");
-    writeFile(file, "an older recording");
-    const RunResult failed = runQuarvel({argsFor(file, 4096, "int32")});
-    EXPECT_EQ(failed.exitCode, 42);
-    EXPECT_EQ(readFile(file), "an older recording");
-    EXPECT_FALSE(exists(file + ".part"));
-
-    // The first run would stop by itself only at 4 GiB; the second starts while it records.
-    const pid_t first = fork();
-    if (first == 0) {
-        const RunResult run = runQuarvel({argsFor(file, 4294967292u), SIGTERM, 1500ms});
-        _exit(run.exitCode == 1 ? 0 : 1);
-    }
-    const auto deadline = std::chrono::steady_clock::now() + 20s;
-    while (!exists(file + ".part") && std::chrono::steady_clock::now() < deadline) {
-        std::this_thread::sleep_for(5ms);
-    }
-    const RunResult second = runQuarvel({argsFor(file, 4096)});
-    EXPECT_EQ(second.exitCode, 42);
-    EXPECT_THAT(withoutLogLines(second.err),
-                ::testing::HasSubstr("another run is writing " + file));
-    int status = 0;
-    ASSERT_EQ(waitpid(first, &status, 0), first);
-    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << "the first run was disturbed";
-    const Description d = describe(file);
-    EXPECT_EQ(d.state, "stopped");
-    expectMockPrefix(file, d.recordedValues);
-
-    // What a crash left is moved aside, not overwritten.
-    writeFile(file + ".part", "a crashed run's recording");
-    const RunResult after = runQuarvel({argsFor(file, 4096)});
-    EXPECT_EQ(after.exitCode, 0);
-    EXPECT_THAT(after.err, ::testing::HasSubstr(file + ".part.1"));
-    EXPECT_EQ(readFile(file + ".part.1"), "a crashed run's recording");
-    EXPECT_EQ(describe(file).state, "complete");
-}
-
-// kill -9 (or a power cut) at any moment leaves the temporary file readable up to its last
-// checkpoint, which is at most about a second old.
-TEST(Cli, KilledRecordingIsReadableUpToItsLastCheckpoint) {
-    for (const auto delay : {1300ms, 2100ms, 2900ms}) {
-        SCOPED_TRACE(delay.count());
-        TempDir dir;
-        const std::string file = dir.file("rec.h5");
-        // The largest recording, so that none ends before its kill, however fast the machine.
-        const RunResult run = runQuarvel({argsFor(file, 4294967292u), SIGKILL, delay});
-        EXPECT_EQ(run.exitCode, -1);
-        ASSERT_TRUE(exists(file + ".part"));
-        const Description d = describe(file + ".part");
-        EXPECT_EQ(d.state, "recording");
-        if (!kSanitized && !kEmulated) {
-            EXPECT_GT(d.recordedValues, 0u) << "no checkpoint in over a second";
-        }
-        expectMockPrefix(file + ".part", d.recordedValues);
-    }
-}
-
-class StoppedRecording : public ::testing::TestWithParam<std::tuple<int, int>> {};
-
-// SIGHUP (a dropped ssh session) stops the run as SIGTERM and SIGINT do.
-TEST_P(StoppedRecording, EndsWithinASecondAndKeepsAReadableFile) {
-    const auto [stopSignal, delayMs] = GetParam();
-    TempDir dir;
-    const std::string file = dir.file("rec.h5");
-    const RunResult run =
-        runQuarvel({argsFor(file, 4294967292u), stopSignal, std::chrono::milliseconds(delayMs)});
-    EXPECT_EQ(run.exitCode, 1);
-    EXPECT_EQ(withoutLogLines(run.err), "transfer abort requested by user (sigterm)\n");
-    EXPECT_TRUE(std::regex_match(run.out, std::regex("(Transfer: [^\r]*\r)*"))) << run.out;
-    EXPECT_LT(run.stopLatency, kSanitized || kEmulated ? 3s : 1s);
-    EXPECT_FALSE(exists(file + ".part"));
-    if (!exists(file)) {
-        EXPECT_EQ(delayMs, 0) << "a second into the recording something must be in the file";
-        return; // stopped before anything was stored
-    }
-    const Description d = describe(file);
-    EXPECT_EQ(d.state, "stopped");
-    EXPECT_EQ(readRecording(file, 0).length, 4294967292u / 4);
-    expectMockPrefix(file, std::min<uint64_t>(d.recordedValues, 1u << 20));
-    if (delayMs > 0 && !kSanitized && !kEmulated) {
-        EXPECT_GT(d.recordedValues, 4096u);
-    }
-}
-
-INSTANTIATE_TEST_SUITE_P(EarlyAndMidway, StoppedRecording,
-                         ::testing::Combine(::testing::Values(SIGTERM, SIGINT, SIGHUP),
-                                            ::testing::Values(0, 1000)));
-
-namespace fs = std::filesystem;
-
-// Empty once this process has its own mount namespace with a tmpfs over /sys/dev/char;
-// otherwise why not. Done once: the namespace cannot be left again.
-std::string privateSysfs() {
-    static const std::string why = []() -> std::string {
-        if (kEmulated || ::geteuid() != 0) {
-            return "a private mount namespace needs root and no emulator";
-        }
-        if (::unshare(CLONE_NEWNS) != 0 ||
-            ::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
-            ::mount("none", "/sys/dev/char", "tmpfs", 0, "mode=0755") != 0) {
-            return std::string("setting up the mount namespace failed: ") + std::strerror(errno);
-        }
-        return {};
-    }();
-    return why;
+std::vector<std::string> args(const std::string& conf, uint32_t bytes,
+                              const std::string& file = "{file}", const std::string& more = "") {
+    return split("--conf=" + conf + " --rec-dev={dev} --file=" + file +
+                 " --data-bytes=" + std::to_string(bytes) + " " + more);
 }
 
 // Recorder words: sign edges first, then pseudo-random bytes.
-std::string recorderWords(size_t words) {
+std::string words(size_t count) {
     uint32_t seed = 7;
     std::string bytes("\0\0\0\0\xFF\xFF\xFF\xFF\x80\0\0\x80\x7F\xFF\xFF\x7F\0\x80\xFE\x7F", 20);
-    while (bytes.size() < words * 4) {
+    while (bytes.size() < count * 4) {
         seed = seed * 1664525u + 1013904223u;
         bytes.push_back(static_cast<char>(seed >> 24));
     }
     return bytes;
 }
 
-// What each scheme must store of the recorder's bytes.
-std::vector<int32_t> decoded(const std::string& conf, const std::string& bytes) {
+// What the scheme must store of the recorder's bytes, or of the mock recorder's counter words.
+std::vector<int32_t> decoded(const std::string& conf, const std::string& bytes, size_t mockCount) {
     std::vector<int32_t> values;
+    for (size_t k = 0; conf == "mock" && k < mockCount; ++k) {
+        values.push_back(static_cast<int16_t>((k & 0xFF) << 8 | (k >> 8 & 0xFF)) >> 2);
+    }
     const auto byte = [&](size_t i) { return static_cast<uint8_t>(bytes[i]); };
-    for (size_t i = 0; i + 4 <= bytes.size(); i += 4) {
+    for (size_t i = 0; conf != "mock" && i + 4 <= bytes.size(); i += 4) {
         if (conf == "int32") {
             values.push_back(static_cast<int32_t>(uint32_t{byte(i)} | uint32_t{byte(i + 1)} << 8 |
                                                   uint32_t{byte(i + 2)} << 16 |
@@ -468,194 +239,380 @@ std::vector<int32_t> decoded(const std::string& conf, const std::string& bytes) 
     return values;
 }
 
-class RecorderSchemes : public ::testing::TestWithParam<std::string> {
-protected:
-    void SetUp() override {
-        if (!privateSysfs().empty()) {
-            GTEST_SKIP() << "no fake control directory: " << privateSysfs();
+// The dataset's attributes, as text.
+std::map<std::string, std::string> attributesOf(const H5::DataSet& dataset) {
+    std::map<std::string, std::string> found;
+    for (int i = 0; i < dataset.getNumAttrs(); ++i) {
+        const H5::Attribute attribute = dataset.openAttribute(static_cast<unsigned>(i));
+        std::string value;
+        if (attribute.getTypeClass() == H5T_STRING) {
+            attribute.read(attribute.getStrType(), value);
+            value = value.substr(0, value.find('\0'));
+        } else {
+            uint64_t number = 0;
+            attribute.read(H5::PredType::NATIVE_UINT64, &number);
+            value = std::to_string(number);
         }
-        fs::remove_all("/sys/dev/char/0:0"); // on our own tmpfs
-        fs::create_directories("/sys/dev/char/0:0/device/control");
+        found[attribute.getName()] = value;
     }
-
-    TempDir dir;
-    const std::string output = dir.file("rec.h5");
-    const std::string device = dir.file("device");
-};
-
-// A whole recording, then a device that ends early: polled until SIGTERM, what it gave is kept.
-TEST_P(RecorderSchemes, RecordingIsStoredDecoded) {
-    const std::string conf = GetParam(), words = recorderWords(160000 / 4),
-                      few = words.substr(0, 4000);
-    writeFile(device, words + "bytes beyond the byte count");
-    const RunResult whole = runQuarvel({argsFor(output, 160000, conf, device)});
-    ASSERT_EQ(whole.exitCode, 0) << whole.err;
-    EXPECT_EQ(whole.err, "");
-    EXPECT_EQ(readRecording(output).values, decoded(conf, words));
-
-    writeFile(device, few);
-    std::vector<std::string> args = argsFor(output, 8192, conf, device);
-    args.push_back("--log-level=info");
-    const RunResult run = runQuarvel({args, SIGTERM, 500ms});
-    EXPECT_EQ(run.exitCode, 1);
-    EXPECT_EQ(withoutLogLines(run.err), "transfer abort requested by user (sigterm)\n");
-    EXPECT_NE(run.err.find("Reached end of file on recorder device"), std::string::npos);
-    EXPECT_EQ(run.out.find("Transfer successful"), std::string::npos);
-    EXPECT_LT(run.stopLatency, kSanitized ? 3s : 1s);
-    std::vector<int32_t> expected = decoded(conf, few);
-    const Description d = describe(output);
-    EXPECT_EQ(d.state, "stopped");
-    EXPECT_EQ(d.recordedValues, expected.size());
-    expected.resize(conf == "lumetra" ? 4096 : 2048); // zeros where nothing was written
-    EXPECT_EQ(readRecording(output).values, expected);
+    return found;
 }
 
-INSTANTIATE_TEST_SUITE_P(Schemes, RecorderSchemes,
-                         ::testing::Values("int32", "tavoadc", "lumetra"));
-
-// Regressions: a device that delivered and then stalled kept its mover in the kernel's read,
-// and the deadline then left an unreadable file; a FIFO that nobody writes kept the program
-// in the device's open.
-TEST_F(RecorderSchemes, StalledDeviceStopsPromptlyWithEverythingItDelivered) {
-    ASSERT_EQ(::mkfifo(device.c_str(), 0600), 0);
-    const std::string words = recorderWords(1u << 18); // 1 MiB
-    for (const std::string conf : {"int32", "tavoadc"}) {
-        SCOPED_TRACE(conf);
-        // Read-write: the writer stays open, so the device stalls instead of ending.
-        const int writer = ::open(device.c_str(), O_RDWR);
-        ASSERT_GE(writer, 0);
-        std::thread feed([&] { EXPECT_EQ(::write(writer, words.data(), words.size()), 1 << 20); });
-        const RunResult run =
-            runQuarvel({argsFor(output, 8u << 20, conf, device), SIGTERM, 1500ms});
-        feed.join();
-        ::close(writer);
-        EXPECT_EQ(run.exitCode, 1);
-        EXPECT_EQ(withoutLogLines(run.err), "transfer abort requested by user (sigterm)\n");
-        EXPECT_LT(run.stopLatency, kSanitized ? 3s : 1s);
-        const Description d = describe(output);
-        EXPECT_EQ(d.state, "stopped");
-        const std::vector<int32_t> expected = decoded(conf, words);
-        EXPECT_EQ(d.recordedValues, expected.size());
-        EXPECT_EQ(readRecording(output, expected.size()).values, expected);
+// The recording the run left, as any HDF5 reader sees it.
+void expectRecording(const Row& row, const Scene& scene, const std::string& err) {
+    const std::string file = option(scene.args, "file");
+    H5::Exception::dontPrint();
+    const H5::DataSet dataset =
+        H5::H5File(row.state == "recording" ? file + ".part" : file, H5F_ACC_RDONLY)
+            .openDataSet("quarvel");
+    std::map<std::string, std::string> a = attributesOf(dataset);
+    // Every attribute; "failure" only when failed, and then it was logged.
+    EXPECT_EQ(a.size(), row.state == "failed" ? 12u : 11u);
+    EXPECT_EQ(a["state"], row.state);
+    if (row.state == "failed") {
+        EXPECT_THAT(err, HasSubstr("] " + a["failure"] + "\n"));
     }
+    const std::string conf = option(scene.args, "conf"), rate = option(scene.args, "data-rate");
+    const std::string srcAddr = option(scene.args, "src-addr");
+    EXPECT_EQ(a["scheme"], conf);
+    EXPECT_EQ(a["device"], option(scene.args, "rec-dev"));
+    EXPECT_EQ(a["data_bytes"], option(scene.args, "data-bytes"));
+    EXPECT_EQ(a["src_addr"], srcAddr.empty() ? "0" : srcAddr);
+    EXPECT_EQ(a["data_rate"], std::to_string(rate.empty() ? 0 : rate[0]));
+    const char* const stamp = R"(\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d\.\d{3}Z)";
+    EXPECT_THAT(a["start_time"], Fully(stamp));
+    EXPECT_THAT(a["end_time"], Fully(stamp));
+    EXPECT_LE(a["start_time"], a["end_time"]);
+    EXPECT_THAT(a["software"], Fully(R"(quarvel \d+\.\d+\.\d+)"));
+    EXPECT_NE(a["host"], "");
 
-    writeFile(output, "an older recording");
-    const RunResult silent = runQuarvel({argsFor(output, 4096, "int32", device), SIGTERM, 300ms});
-    EXPECT_EQ(silent.exitCode, 1);
-    EXPECT_EQ(withoutLogLines(silent.err), "transfer abort requested by user (sigterm)\n");
-    EXPECT_LT(silent.stopLatency, kSanitized ? 3s : 1s);
-    EXPECT_EQ(readFile(output), "an older recording");
-    EXPECT_FALSE(exists(output + ".part"));
+    hsize_t length = 0;
+    const H5::DataSpace space = dataset.getSpace();
+    space.getSimpleExtentDims(&length);
+    EXPECT_EQ(length, std::stoull(a["data_bytes"]) / (conf == "lumetra" ? 2 : 4));
+    hsize_t count = std::min<hsize_t>(length, 1 << 20);
+    const hsize_t start = 0;
+    space.selectHyperslab(H5S_SELECT_SET, &count, &start);
+    std::vector<int32_t> values(static_cast<size_t>(count));
+    dataset.read(values.data(), H5::PredType::NATIVE_INT32, H5::DataSpace(1, &count), space);
+
+    std::vector<int32_t> expected = decoded(conf, scene.delivered, values.size());
+    const uint64_t recorded = std::stoull(a["recorded_values"]);
+    if (row.atLeast == kAll) {
+        EXPECT_EQ(recorded, conf == "mock" ? length : std::min<uint64_t>(length, expected.size()));
+    } else if (!kSlow || row.launch.stopSignal == 0) {
+        EXPECT_GE(recorded, row.atLeast);
+    }
+    // Up to what the file says it holds, the source's values; in a finished file 0 after them.
+    expected.resize(static_cast<size_t>(std::min<uint64_t>(recorded, values.size())));
+    if (row.state == "recording") {
+        values.resize(expected.size());
+    } else {
+        expected.resize(values.size(), 0);
+    }
+    EXPECT_EQ(values, expected);
 }
 
-// What the program logged: the lines that begin with a time stamp.
-long logLineCount(const std::string& err) {
-    const std::regex line(R"((^|\n)\d{4}-\d\d-\d\dT\S*Z )");
-    return std::distance(std::sregex_iterator(err.begin(), err.end(), line),
-                         std::sregex_iterator());
+size_t occurrences(const std::string& text, const std::string& part) {
+    size_t found = 0;
+    for (size_t at = 0; (at = text.find(part, at)) != std::string::npos; at += part.size()) {
+        ++found;
+    }
+    return found;
 }
 
-// Unmounts what a test mounted in the private namespace, also when the test fails early.
-struct MountGuard {
-    std::string path;
-    ~MountGuard() { ::umount2(path.c_str(), MNT_DETACH); }
-};
+class Run : public ::testing::TestWithParam<Row> {};
 
-// The fixture's namespace also keeps this small file system to the test.
-TEST_F(RecorderSchemes, FullDiskFailsTheRunAndTheFileSaysWhy) {
-    TempDir disk;
-    ASSERT_EQ(::mount("none", disk.path().c_str(), "tmpfs", 0, "size=8m"), 0)
-        << std::strerror(errno);
-    const MountGuard unmount{disk.path()};
-    const std::string file = disk.file("rec.h5");
-    expectFailedWriteKeptItsData(runQuarvel({argsFor(file, 256u << 20)}), file,
-                                 "No space left on device");
-}
+TEST_P(Run, ExitsPrintsAndLeavesAsDocumented) {
+    const Row& row = GetParam();
+    Scene scene;
+    for (const auto& arg : row.args) {
+        scene.args.push_back(scene.expand(arg));
+    }
+    const std::string file = option(scene.args, "file");
+    if (row.state == "kept") {
+        writeFile(file, kOlder);
+    }
+    row.setup(scene);
+    if (!scene.skip.empty()) {
+        GTEST_SKIP() << scene.skip;
+    }
+    ASSERT_FALSE(HasFatalFailure());
+    Launch launch = row.launch;
+    launch.args = scene.args;
+    const RunResult run = runQuarvel(launch);
+    scene.finish();
 
-// The attributes written before the one that fails stay written, those after it are not.
-TEST_F(RecorderSchemes, AttributeThatCannotBeWrittenIsNamedWithTheReason) {
-    const std::string control = "/sys/dev/char/0:0/device/control";
-    const std::string datacount = control + "/datacount";
-    writeFile(device, recorderWords(1024));
-    const std::tuple<std::function<void()>, std::string, std::string> cases[] = {
-        {[&] { fs::create_directory(datacount); }, "EXCPETION THROWNCould not open sysfs entry\n",
-         "ERROR [Recoder] cannot open sysfs entry " + datacount + ": Is a directory"},
-        // As a driver that refuses the value: the open works, the write fails.
-        {[&] { fs::create_symlink("/dev/full", datacount); },
-         "EXCPETION THROWNCould not write sysfs entry\n",
-         "ERROR [Recoder] cannot write sysfs entry " + datacount + ": No space left on device"}};
-    for (const auto& [makeDatacount, err, logLine] : cases) {
-        SCOPED_TRACE(err);
-        fs::remove_all(control); // a symlink goes, not what it points to
-        fs::create_directories(control);
-        makeDatacount();
-        std::vector<std::string> args = argsFor(output, 4096, "int32", device);
-        args.push_back("--src-addr=8192");
-        const RunResult run = runQuarvel({args});
-        EXPECT_EQ(run.exitCode, 42);
-        EXPECT_EQ(withoutLogLines(run.err), err);
-        EXPECT_THAT(run.err, ::testing::HasSubstr("Z " + logLine + "\n"));
-        EXPECT_EQ(readFile(control + "/srcmemaddr"), "8192");
-        EXPECT_FALSE(exists(control + "/datarate"));
-        EXPECT_FALSE(exists(output));
+    EXPECT_EQ(run.exitCode, row.exitCode) << run.err;
+    EXPECT_THAT(run.out, row.out);
+    EXPECT_EQ(withoutLogLines(run.err), scene.expand(row.err));
+    std::istringstream logged(scene.expand(row.log));
+    for (std::string line; std::getline(logged, line);) {
+        EXPECT_EQ(occurrences(run.err, "Z " + line + "\n"), 1u) << run.err;
+    }
+    EXPECT_LT(run.stopLatency, kSlow ? 3s : 1s);
+    if (file.empty()) {
+        return;
+    }
+    EXPECT_EQ(fs::exists(file + ".part"), row.state == "recording");
+    if (row.state == "kept") {
+        EXPECT_EQ(readFile(file), kOlder);
+    } else if (row.state.empty() || row.state == "recording") {
+        EXPECT_FALSE(fs::is_regular_file(file)) << "a run that could not finish made FILE";
+    }
+    if (row.state != "" && row.state != "kept") {
+        expectRecording(row, scene, run.err);
     }
 }
 
-// A directory opens as a device, but each read fails: the reason is told, the repeats are held
-// back. Besides those two lines only the stop is logged.
-TEST_F(RecorderSchemes, DeviceWhoseReadsFailDoesNotFloodTheLog) {
-    const std::string directory = dir.file("directory");
-    ASSERT_TRUE(fs::create_directory(directory));
-    const RunResult run = runQuarvel({argsFor(output, 4096, "int32", directory), SIGTERM, 2s});
-    EXPECT_EQ(run.exitCode, 1);
-    EXPECT_EQ(withoutLogLines(run.err), "transfer abort requested by user (sigterm)\n");
-    EXPECT_THAT(run.err, ::testing::HasSubstr(
-                             "Z ERROR [Recoder] Got error 1 while reading on recorder device\n"));
-    EXPECT_THAT(run.err, ::testing::HasSubstr("Z ERROR [Recoder] reading " + directory +
-                                              " failed: Is a directory\n"));
-    EXPECT_LE(logLineCount(run.err), 4) << run.err;
-}
-
-// The FIFO's writer goes away (the program meets its end) and another one brings the rest.
-TEST_F(RecorderSchemes, FifoWriterThatComesBackCompletesTheRecording) {
-    ASSERT_EQ(::mkfifo(device.c_str(), 0600), 0);
-    const std::string words = recorderWords(16384); // each half fits into the pipe
-    const size_t half = words.size() / 2;
-    // Read-write, so that the first half waits in the FIFO before the program opens it;
-    // close-on-exec, so that the program holds no writer of its own.
-    const int first = ::open(device.c_str(), O_RDWR | O_CLOEXEC);
-    ASSERT_GE(first, 0);
-    ASSERT_EQ(::write(first, words.data(), half), static_cast<ssize_t>(half));
-    std::atomic<bool> ended{false};
-    std::thread feed([&] {
-        int pending = 1;
-        while (!ended && ::ioctl(first, FIONREAD, &pending) == 0 && pending > 0) {
-            std::this_thread::sleep_for(5ms);
+// Writes bytes into the non-blocking fd as the reader makes room, until done or the run ended.
+void feed(int fd, const std::string& bytes, const std::atomic<bool>& ended) {
+    for (size_t done = 0; done < bytes.size() && !ended;) {
+        const ssize_t n = ::write(fd, bytes.data() + done, bytes.size() - done);
+        if (n > 0) {
+            done += static_cast<size_t>(n);
+        } else {
+            std::this_thread::sleep_for(1ms);
         }
-        ::close(first);
-        std::this_thread::sleep_for(1s); // meanwhile the program reads the end of the FIFO
-        if (ended) {
+    }
+}
+
+// False, and the run is skipped, where the test cannot have a mount namespace of its own; there
+// the device number 0:0 of the test's files gets a control directory.
+bool privateMounts(Scene& scene) {
+    scene.skip = kEmulated ? "no mount namespace under the emulator" : privateSysfs();
+    fs::remove_all("/sys/dev/char/0:0"); // on our own tmpfs
+    return scene.skip.empty() && fs::create_directories("/sys/dev/char/0:0/device/control");
+}
+
+// The device: a regular file.
+Setup fileOf(std::string bytes) {
+    return [bytes](Scene& scene) {
+        scene.delivered = bytes;
+        if (privateMounts(scene)) {
+            writeFile(scene.device, bytes);
+        }
+    };
+}
+
+// The device: a FIFO that delivers the bytes, then stalls; its writer stays there.
+Setup stallingFifoOf(std::string bytes) {
+    return [bytes](Scene& scene) {
+        if (!privateMounts(scene) || ::mkfifo(scene.device.c_str(), 0600) != 0) {
             return;
         }
-        const int second = ::open(device.c_str(), O_WRONLY | O_NONBLOCK | O_CLOEXEC);
-        ASSERT_GE(second, 0) << std::strerror(errno);
-        EXPECT_EQ(::write(second, words.data() + half, words.size() - half),
-                  static_cast<ssize_t>(words.size() - half));
-        ::close(second);
-    });
-    std::vector<std::string> args =
-        argsFor(output, static_cast<uint32_t>(words.size()), "int32", device);
-    args.push_back("--log-level=info");
-    const RunResult run = runQuarvel({args, SIGTERM, 20s}); // the signal only ends a hang
-    ended = true;
-    feed.join();
-    EXPECT_EQ(run.exitCode, 0);
-    EXPECT_EQ(withoutLogLines(run.err), "");
-    EXPECT_THAT(run.err, ::testing::HasSubstr("Reached end of file on recorder device"));
-    EXPECT_NE(run.out.find("Transfer successful"), std::string::npos);
-    EXPECT_EQ(describe(output).state, "complete");
-    EXPECT_EQ(readRecording(output).values, decoded("int32", words));
+        const int writer = ::open(scene.device.c_str(), O_RDWR | O_NONBLOCK);
+        scene.delivered = bytes;
+        scene.helpers.emplace_back([&scene, bytes, writer] { feed(writer, bytes, scene.ended); });
+        scene.atEnd.emplace_back([writer] { ::close(writer); });
+    };
 }
+
+// The device: a FIFO whose writer delivers the first half of the bytes and goes away (the
+// program meets the FIFO's end); a second later another one brings the rest.
+Setup returningFifoOf(std::string bytes) {
+    return [bytes](Scene& scene) {
+        if (!privateMounts(scene) || ::mkfifo(scene.device.c_str(), 0600) != 0) {
+            return;
+        }
+        // Read-write, so that the first half waits in the FIFO before the program opens it;
+        // close-on-exec, so that the program holds no writer of its own.
+        const int first = ::open(scene.device.c_str(), O_RDWR | O_NONBLOCK | O_CLOEXEC);
+        const size_t half = bytes.size() / 2; // fits into the pipe
+        feed(first, bytes.substr(0, half), scene.ended);
+        scene.delivered = bytes;
+        scene.helpers.emplace_back([&scene, bytes, first, half] {
+            int pending = 1;
+            while (!scene.ended && ::ioctl(first, FIONREAD, &pending) == 0 && pending > 0) {
+                std::this_thread::sleep_for(5ms);
+            }
+            ::close(first);
+            std::this_thread::sleep_for(1s);
+            const int second = ::open(scene.device.c_str(), O_WRONLY | O_NONBLOCK | O_CLOEXEC);
+            feed(second, bytes.substr(half), scene.ended);
+            ::close(second);
+        });
+    };
+}
+
+// The device: a FIFO that nobody writes.
+void silentFifo(Scene& scene) {
+    if (privateMounts(scene)) {
+        ::mkfifo(scene.device.c_str(), 0600);
+    }
+}
+
+// The device: a directory, which opens, but each read fails.
+void directory(Scene& scene) {
+    if (privateMounts(scene)) {
+        fs::create_directory(scene.device);
+    }
+}
+
+// The run's directory is a file system of 8 MiB.
+void smallDisk(Scene& scene) {
+    const std::string disk = scene.dir.path();
+    if (privateMounts(scene) && ::mount("none", disk.c_str(), "tmpfs", 0, "size=8m") == 0) {
+        scene.atEnd.emplace_back([disk] { ::umount2(disk.c_str(), MNT_DETACH); });
+    }
+}
+
+void olderFile(Scene& scene) {
+    writeFile(scene.file, kOlder);
+}
+
+// Another run records into the same file; it is stopped 1.5 s after it began.
+void anotherRun(Scene& scene) {
+    const Launch first{SIGTERM, 1500ms, RLIM_INFINITY, false, scene.args};
+    scene.helpers.emplace_back(
+        [first] { EXPECT_EQ(runQuarvel(first).exitCode, 1) << "the first run was disturbed"; });
+    ASSERT_TRUE(eventually([&scene] { return fs::exists(scene.file + ".part"); }));
+}
+
+// What a crashed run left; it must survive the run.
+void crashLeftover(Scene& scene) {
+    writeFile(scene.file + ".part", "a crashed run's recording");
+    scene.atEnd.emplace_back(
+        [&scene] { EXPECT_EQ(readFile(scene.file + ".part.1"), "a crashed run's recording"); });
+}
+
+const std::string kHelp =
+    "Supported Options:\n"
+    "  --file arg            save the recorded data to the provided file\n"
+    "  --src-addr arg        address at which the recorder starts to write, default \n"
+    "                        is 0\n"
+    "  --data-rate arg       N in formula: used percentage of full speed = 100 - (N \n"
+    "                        * 6.25), default 0 (full data rate)\n"
+    "  --data-bytes arg      Number of bytes to record\n"
+    "  --conf arg            Configuration scheme name\n"
+    "  --rec-dev arg         Path to the recorder device, e.g. /dev/myrecorder\n\n";
+const std::string kSchemes =
+    "The requested configuration doesn't exist. Available configurations are: \n"
+    "int32\tDecode 32 bits signed integer, into HDF5\n"
+    "lumetra\tDecode data from Lumetra ADC (Signal or Lock)\n"
+    "mock\tMock data recorder, HDF5 sink\n"
+    "tavoadc\tDecode data from Tavo ADC (Signal or Lock)\n\n";
+const std::string kUnknown = "UNKNOWN EXCEPTION THROWN\n";
+const std::string kStopped = "transfer abort requested by user (sigterm)\n";
+const std::string kWriteFailed = "Transfer to file failed, error = transfer aborted\nunknown\n\n";
+const std::string kEndOfDevice = "INFO [Recoder] Reached end of file on recorder device";
+// Progress lines, each rewritten by the next; then the last one.
+const Text kProgress = Fully("(Transfer: [^\r]*\r)*");
+const Text kSucceeded = Fully("(Transfer: [^\r]*\r)*\rTransfered: (\\S+ \\S+) / \\2     (100|0)%"
+                              "     @ \\S+ \\S+/s {68}Transfer successful\n");
+const Text kUnfinished = Fully("(Transfer: [^\r]*\r)*\rTransfered: [^\r\n]*");
+// No recording of this size ends before its signal, however fast the machine.
+constexpr uint32_t kLargest = 4294967292u;
+const Setup kNothing = [](Scene&) {};
+const Launch kClosedStdout{0, 0ms, RLIM_INFINITY, true};
+const Launch kFileSizeLimit{0, 0ms, 8 << 20};
+Launch stopBy(int signalNumber, std::chrono::milliseconds after) {
+    return {signalNumber, after};
+}
+const std::string kDeviceWords = words(40000) + "bytes beyond the byte count";
+
+INSTANTIATE_TEST_SUITE_P(
+    Cli, Run,
+    ::testing::Values(
+        // Runs that cannot start leave no file, and an older one as it was.
+        Row{"NoOptions", split(""), 1, kHelp,
+            "no file argument provided but required\nno data-bytes argument provided but "
+            "required\nno configuration name provided, but required\nno recorder device "
+            "provided\n"},
+        Row{"UnreadableValue", args("mock", 4096, "{file}", "--data-rate=10"), 1, kHelp, "",
+            "ERROR [CommandLineOptions] Parsing command line options failed with 'the argument "
+            "('10') for option '--data-rate' is invalid'"},
+        Row{"UnknownLogLevel", args("mock", 4096, "{file}", "--log-level=verbose"), 1, IsEmpty(),
+            "invalid value 'verbose' for --log-level: use fatal, error, warning, info, debug or 0 "
+            "to 5\n"},
+        Row{"VersionWinsOverEveryOtherWord", split("--log-level=verbose --conf=mock --version"), 0,
+            Fully("quarvel \\d+\\.\\d+\\.\\d+\n"), ""},
+        Row{"UnknownScheme", args("MOCK", 4096), 2, IsEmpty(), kSchemes},
+        Row{"ByteCountNotAMultipleOf4", args("mock", 6), 42, IsEmpty(),
+            "EXCPETION THROWNbytesCount must be a multiple of 4\n"},
+        Row{"MissingDevice", args("int32", 4096), 42, IsEmpty(),
+            "EXCPETION THROWNFailed to get stat from cdev, file exist?\n",
+            "ERROR [Recoder] ::stat on recorder cdev failed with 2", "kept"},
+        // HDF5's own exception type is no std::exception.
+        Row{"FileInAMissingDirectory", args("mock", 4096, "{dir}/missing/rec.h5"), 43, IsEmpty(),
+            kUnknown,
+            "ERROR [SinkHDF5] cannot create {dir}/missing/rec.h5: No such file or directory"},
+        Row{"FileThatIsADirectory", args("mock", 4096, "{dir}"), 43, IsEmpty(), kUnknown,
+            "ERROR [SinkHDF5] cannot create {dir}: Is a directory"},
+        Row{"FileThatIsADevice", args("mock", 4096, "/dev/full"), 43, IsEmpty(), kUnknown,
+            "ERROR [SinkHDF5] cannot create /dev/full: Not a regular file"},
+
+        // Whole recordings.
+        Row{"RecordingOfNothingReplacesAnOlderFile", args("mock", 0), 0, kSucceeded, "", "",
+            "complete", kAll, olderFile},
+        Row{"MockRecording", args("mock", 1000000, "{file}", "--src-addr=8192 --data-rate=7"), 0,
+            kSucceeded, "", "", "complete"},
+        Row{"ClosedStandardOutputDoesNotEndTheRecording", args("mock", 4u << 20), 0, _, "", "",
+            "complete", kAll, kNothing, kClosedStdout},
+        Row{"Int32Recording", args("int32", 160000), 0, kSucceeded, "", "", "complete", kAll,
+            fileOf(kDeviceWords)},
+        Row{"TavoAdcRecording", args("tavoadc", 160000), 0, kSucceeded, "", "", "complete", kAll,
+            fileOf(kDeviceWords)},
+        Row{"LumetraRecording", args("lumetra", 160000), 0, kSucceeded, "", "", "complete", kAll,
+            fileOf(kDeviceWords)},
+        // The signal only ends a hang.
+        Row{"FifoWriterThatComesBackCompletesTheRecording",
+            args("int32", 65536, "{file}", "--log-level=info"), 0, kSucceeded, "", kEndOfDevice,
+            "complete", kAll, returningFifoOf(words(16384)), stopBy(SIGTERM, 20s)},
+
+        // Stopped within a second, with what was recorded.
+        Row{"SigtermStops", args("mock", kLargest), 1, kProgress, kStopped, "", "stopped", 4096,
+            kNothing, stopBy(SIGTERM, 1s)},
+        Row{"SigintStops", args("mock", kLargest), 1, kProgress, kStopped, "", "stopped", 4096,
+            kNothing, stopBy(SIGINT, 1s)},
+        Row{"SighupOfADroppedSessionStops", args("mock", kLargest), 1, kProgress, kStopped, "",
+            "stopped", 4096, kNothing, stopBy(SIGHUP, 1s)},
+        Row{"DeviceThatEndsEarlyIsPolledUntilStopped",
+            args("lumetra", 8192, "{file}", "--log-level=info"), 1, kProgress, kStopped,
+            kEndOfDevice, "stopped", kAll, fileOf(words(1000)), stopBy(SIGTERM, 500ms)},
+        // Regression: a device that delivered and then stalled kept its mover in the kernel's
+        // read, and the deadline then left an unreadable file.
+        Row{"StalledInt32Device", args("int32", 8u << 20), 1, kProgress, kStopped, "", "stopped",
+            kAll, stallingFifoOf(words(1u << 18)), stopBy(SIGTERM, 1500ms)},
+        Row{"StalledTavoAdcDevice", args("tavoadc", 8u << 20), 1, kProgress, kStopped, "",
+            "stopped", kAll, stallingFifoOf(words(1u << 18)), stopBy(SIGTERM, 1500ms)},
+        // Regression: a FIFO that nobody writes kept the program in the device's open.
+        Row{"SilentDeviceLeavesAnOlderFile", args("int32", 4096), 1, kProgress, kStopped, "",
+            "kept", kAll, silentFifo, stopBy(SIGTERM, 300ms)},
+        // The repeats of a failing read are held back.
+        Row{"DeviceWhoseReadsFailDoesNotFloodTheLog", args("int32", 4096), 1, kProgress, kStopped,
+            "ERROR [Recoder] Got error 1 while reading on recorder device\n"
+            "ERROR [Recoder] reading {dev} failed: Is a directory",
+            "", kAll, directory, stopBy(SIGTERM, 2s)},
+
+        // kill -9 at any moment leaves FILE.part readable up to its last checkpoint, at most
+        // about a second old.
+        Row{"KilledAfter1300ms", args("mock", kLargest), -1, _, "", "", "recording", 1, kNothing,
+            stopBy(SIGKILL, 1300ms)},
+        Row{"KilledAfter2100ms", args("mock", kLargest), -1, _, "", "", "recording", 1, kNothing,
+            stopBy(SIGKILL, 2100ms)},
+        Row{"KilledAfter2900ms", args("mock", kLargest), -1, _, "", "", "recording", 1, kNothing,
+            stopBy(SIGKILL, 2900ms)},
+
+        // Failed writes keep what the file took. Regression: after a file size limit (SIGXFSZ
+        // is ignored), HDF5's exit handlers crashed.
+        Row{"FullDisk", args("mock", 256u << 20), 2, kUnfinished, kWriteFailed,
+            "ERROR [SinkHDF5] writing {file} failed: No space left on device", "failed", 1 << 20,
+            smallDisk},
+        Row{"FileSizeLimit", args("mock", 256u << 20), 2, kUnfinished, kWriteFailed,
+            "ERROR [SinkHDF5] writing {file} failed: File too large", "failed", 1 << 20, kNothing,
+            kFileSizeLimit},
+
+        // The run that writes FILE.part goes on undisturbed; a crashed run's one is kept.
+        Row{"SecondRunOnAFileBeingWrittenIsRefused", args("mock", kLargest), 42, IsEmpty(),
+            "EXCPETION THROWNanother run is writing {file} (its temporary file {file}.part is "
+            "locked)\n",
+            "", "stopped", 1, anotherRun},
+        Row{"CrashedRunsRecordingIsMovedAside", args("mock", 4096), 0, kSucceeded,
+            "quarvel: moved the unfinished recording of an earlier run from {file}.part to "
+            "{file}.part.1\n",
+            "", "complete", kAll, crashLeftover}),
+    [](const ::testing::TestParamInfo<Row>& row) { return row.param.name; });
 
 } // namespace
 } // namespace quarvel::test

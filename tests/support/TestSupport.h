@@ -1,15 +1,21 @@
 #pragma once
 
 #include <cerrno>
+#include <chrono>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <fstream>
+#include <functional>
 #include <iterator>
 #include <stdexcept>
 #include <string>
+#include <thread>
 
 #include <fcntl.h>
 #include <ftw.h>
+#include <sched.h>
+#include <sys/mount.h>
 #include <unistd.h>
 
 #include "platform/Logger.h"
@@ -51,6 +57,43 @@ inline std::string readFile(const std::string& path) {
 inline void writeFile(const std::string& path, const std::string& content) {
     std::ofstream out(path, std::ios::binary | std::ios::trunc);
     out << content;
+}
+
+// Runs `undo` when the scope ends, however it ends: puts back a setting a test changed.
+struct Finally {
+    std::function<void()> undo;
+    ~Finally() { undo(); }
+};
+
+// Polls a state that another thread or process reaches, with a deadline generous enough for any
+// machine.
+inline bool eventually(const std::function<bool()>& reached) {
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+    while (!reached()) {
+        if (std::chrono::steady_clock::now() > deadline) {
+            return false;
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    return true;
+}
+
+// Empty once this process has a mount namespace of its own with a tmpfs over /sys/dev/char, where
+// a regular file's device number 0:0 may have a control directory; otherwise why not. Done once:
+// the namespace cannot be left again.
+inline std::string privateSysfs() {
+    static const std::string why = []() -> std::string {
+        if (::geteuid() != 0) {
+            return "a private mount namespace needs root";
+        }
+        if (::unshare(CLONE_NEWNS) != 0 ||
+            ::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
+            ::mount("none", "/sys/dev/char", "tmpfs", 0, "mode=0755") != 0) {
+            return std::string("setting up the mount namespace failed: ") + std::strerror(errno);
+        }
+        return {};
+    }();
+    return why;
 }
 
 // Captures what the process writes to standard error (the log goes there) between
