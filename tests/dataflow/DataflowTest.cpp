@@ -21,24 +21,15 @@ auto refused(const std::string& text) {
     return testing::ThrowsMessage<std::runtime_error>(text);
 }
 
-// Polls a state that another thread reaches, with a deadline generous enough for any machine.
-bool eventually(const std::function<bool()>& reached) {
-    const auto deadline = std::chrono::steady_clock::now() + 10s;
-    while (!reached()) {
-        if (std::chrono::steady_clock::now() > deadline) {
-            return false;
-        }
-        std::this_thread::sleep_for(1ms);
-    }
-    return true;
-}
-
 // Source, sink or both: delivers and expects the stream whose byte i is i % 251. Open and close
-// go to a log shared with the mover's other side, written only before the worker ends.
+// go to a log shared with the mover's other side.
 struct Fake : AbstractDataSource, AbstractDataSink {
     Fake(std::string& callLog, std::string elementName)
         : calls(callLog), name(std::move(elementName)) {}
-    void open(uint32_t) override { calls += name + ".open "; }
+    void open(uint32_t size) override {
+        calls += name + ".open ";
+        opened.push_back(size);
+    }
     void close() override {
         calls += name + ".close ";
         if (throwOnClose) {
@@ -80,7 +71,7 @@ struct Fake : AbstractDataSource, AbstractDataSink {
     uint32_t emptyReads = 0;        // the first reads find nothing
     uint32_t produced = 0, received = 0, misplaced = 0;
     bool throwOnClose = false;
-    std::vector<uint32_t> requests;
+    std::vector<uint32_t> requests, opened;
 };
 
 const std::string kOneCycle = "sink.open source.open source.close sink.close ";
@@ -88,10 +79,7 @@ const std::string kOneCycle = "sink.open source.open source.close sink.close ";
 struct Rig {
     void runToEnd(uint32_t size) {
         mover->start(size);
-        for (int ms = 0; ms < 10000 && !mover->isFinished(); ++ms) {
-            std::this_thread::sleep_for(1ms);
-        }
-        ASSERT_TRUE(mover->isFinished()) << "mover hangs";
+        ASSERT_TRUE(eventually([this] { return mover->isFinished(); })) << "mover hangs";
     }
     void expectAborted(const std::string& expectedCalls) {
         EXPECT_TRUE(mover->failed() && mover->isFinished());
@@ -221,59 +209,40 @@ TEST(ChainAssembly, ValidatesTheChainAndNamesTheMoversByPosition) {
     EXPECT_EQ(createMovers({both, both}).size(), 1u); // the unused sides of the ends do no harm
 }
 
-// A decoder whose output is twice its input, as Lumetra's is.
+// A decoder whose output is twice its input, as Lumetra's is; it delivers nothing.
 struct Doubler : AbstractDecoder {
-    void open(uint32_t) override {}
+    void open(uint32_t size) override { opened.push_back(size); }
     void close() override {}
     uint32_t optimalReadSize() override { return 4; }
     uint32_t read(uint8_t*, uint32_t) override { return 0; }
-    void waitForMaybeData() override {}
+    void waitForMaybeData() override { std::this_thread::sleep_for(1ms); }
     bool isEndOfData() override { return false; }
     uint32_t optimalWriteSize() override { return 4; }
     uint32_t write(const uint8_t*, uint32_t len) override { return len; }
     uint32_t outputSizeFor(uint32_t inputSize) override { return 2 * inputSize; }
+    std::vector<uint32_t> opened; // by the thread that starts the movers
 };
 
-// Notes its name and the size it is started with; its sink is the decoder given, if any.
-struct StartedMover : AbstractDataMover {
-    StartedMover(std::vector<std::string>& startLog, std::string moverName,
-                 std::shared_ptr<AbstractDecoder> sinkDecoder)
-        : starts(startLog), ownName(std::move(moverName)), decoder(std::move(sinkDecoder)) {}
-    std::string name() override { return ownName; }
-    bool isFinished() override { return false; }
-    bool failed() override { return false; }
-    void start(uint32_t size) override { starts.push_back(ownName + " " + std::to_string(size)); }
-    std::string errorText() override { return {}; }
-    void abort() override {}
-    std::shared_ptr<AbstractDataSink> sink() override { return decoder; }
-    std::shared_ptr<AbstractDataSource> source() override { return nullptr; }
-    bool hasDecoderSink() override { return static_cast<bool>(decoder); }
-    std::shared_ptr<AbstractDecoder> decoderSink() override { return decoder; }
-    void printProgress(std::ostream&) const override {}
-
-    std::vector<std::string>& starts;
-    std::string ownName;
-    std::shared_ptr<AbstractDecoder> decoder;
-};
-
+// Each side is opened with the size of its mover.
 TEST(ChainAssembly, EachMoverBehindADecoderStartsWithWhatTheDecoderDelivers) {
-    std::vector<std::string> starts;
-    const auto doubler = std::make_shared<Doubler>();
-    const auto mover = [&](const char* name, std::shared_ptr<AbstractDecoder> decoder) {
-        return std::make_shared<StartedMover>(starts, name, std::move(decoder));
+    std::string sourceCalls, sinkCalls; // closed on different threads
+    const auto source = std::make_shared<Fake>(sourceCalls, "source");
+    const auto sink = std::make_shared<Fake>(sinkCalls, "sink");
+    const auto first = std::make_shared<Doubler>(), second = std::make_shared<Doubler>();
+    const auto element = [](std::shared_ptr<AbstractDataSource> from,
+                            std::shared_ptr<AbstractDataSink> to) {
+        return std::make_shared<DataSinkOrSource>(std::move(from), std::move(to), "");
     };
     StderrCapture log(4);
-    startMovers({mover("Mover 0 to 1", doubler), mover("Mover 1 to 2", doubler),
-                 mover("Mover 2 to 3", nullptr)},
+    startMovers(createMovers({element(source, nullptr), element(first, first),
+                              element(second, second), element(nullptr, sink)}),
                 4096);
-    EXPECT_EQ(starts, (std::vector<std::string>{"Mover 0 to 1 4096", "Mover 1 to 2 8192",
-                                                "Mover 2 to 3 16384"}));
+    EXPECT_EQ(source->opened, (std::vector<uint32_t>{4096}));
+    EXPECT_EQ(first->opened, (std::vector<uint32_t>{4096, 8192}));
+    EXPECT_EQ(second->opened, (std::vector<uint32_t>{8192, 16384}));
+    EXPECT_EQ(sink->opened, (std::vector<uint32_t>{16384}));
     EXPECT_NE(log.text().find("] starting data mover Mover 1 to 2 with size 8192\n"),
               std::string::npos);
-
-    starts.clear(); // a sink that is no decoder passes the size on as it is
-    startMovers({mover("Mover 0 to 1", nullptr), mover("Mover 1 to 2", nullptr)}, 12);
-    EXPECT_EQ(starts, (std::vector<std::string>{"Mover 0 to 1 12", "Mover 1 to 2 12"}));
 }
 
 } // namespace
