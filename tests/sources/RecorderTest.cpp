@@ -6,15 +6,12 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <atomic>
 #include <cerrno>
 #include <chrono>
-#include <csignal>
 #include <cstring>
 #include <filesystem>
 #include <functional>
 #include <memory>
-#include <sstream>
 #include <stdexcept>
 #include <string>
 #include <thread>
@@ -24,7 +21,6 @@
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <sys/sysmacros.h>
-#include <sys/time.h>
 #include <unistd.h>
 
 namespace quarvel {
@@ -85,13 +81,6 @@ TEST_F(RecorderTest, ControlDirectoryComesFromTheDeviceNumberOfAnExistingNode) {
     EXPECT_EQ(recorderSysfsRoot(rdev), "/sys/dev/char/" + std::to_string(major(rdev)) + ":" +
                                            std::to_string(minor(rdev)) + "/device/control");
     EXPECT_EQ(Recorder(device).sysfsRoot(), "/sys/dev/char/0:0/device/control");
-
-    StderrCapture capture(1);
-    EXPECT_THAT(
-        [&] { Recorder recorder(dir.file("missing")); },
-        ThrowsMessage<std::runtime_error>(StrEq("Failed to get stat from cdev, file exist?")));
-    EXPECT_THAT(capture.text(), HasSubstr("ERROR [Recoder] ::stat on recorder cdev failed with " +
-                                          std::to_string(ENOENT) + "\n"));
 }
 
 // One recorder for all rows: each query must read the attribute afresh.
@@ -148,9 +137,9 @@ TEST_F(RecorderTest, ConfigureWritesInOrderAndStopsAtTheFirstFailure) {
     }
 }
 
-TEST_F(RecorderTest, FileIsReadExactlyAndASecondStartReplacesTheStream) {
-    const std::string content("\x00\x01\xFF\r\n\x7F\x80\n\x1Az", 10);
-    writeFile(device, content);
+// The bytes themselves are read back end to end from recordings.
+TEST_F(RecorderTest, ASecondStartReplacesTheStreamAndAFailedOneKeepsIt) {
+    writeFile(device, "0123456789");
     const auto descriptors = [] {
         const std::filesystem::directory_iterator fds("/proc/self/fd");
         return std::distance(begin(fds), end(fds));
@@ -158,42 +147,38 @@ TEST_F(RecorderTest, FileIsReadExactlyAndASecondStartReplacesTheStream) {
     StderrCapture capture(4);
     const auto before = descriptors();
     auto recorder = std::make_unique<Recorder>(device, control);
-    std::vector<uint8_t> buffer(8);
+    std::vector<uint8_t> buffer(16);
     EXPECT_THROW(recorder->read(buffer.data(), 8), std::runtime_error) << "read before open";
-
     recorder->open(4096);
-    ASSERT_EQ(recorder->read(buffer.data(), 8), 8u);
+    ASSERT_EQ(recorder->read(buffer.data(), 16), 10u);
     EXPECT_FALSE(recorder->isEndOfData());
-    ASSERT_EQ(recorder->read(buffer.data(), 8), 2u);
-    EXPECT_EQ(std::string(buffer.begin(), buffer.begin() + 2), content.substr(8));
-    EXPECT_EQ(recorder->read(buffer.data(), 8), 0u);
+    EXPECT_EQ(recorder->read(buffer.data(), 16), 0u);
     EXPECT_TRUE(recorder->isEndOfData());
 
     recorder->start();
     EXPECT_EQ(descriptors(), before + 1) << "the first stream leaked";
     EXPECT_FALSE(recorder->isEndOfData());
     ASSERT_EQ(recorder->read(buffer.data(), 4), 4u);
-    // A failed start keeps the open stream, which outlives the unlink; abort leaves it open.
+    // The open stream outlives the unlink; abort leaves it open.
     ASSERT_EQ(::unlink(device.c_str()), 0);
     EXPECT_THAT([&] { recorder->start(); }, ThrowsMessage<std::runtime_error>(StrEq(
                                                 "Failed to open the recorder device for reading")));
     recorder->abort();
     ASSERT_EQ(recorder->read(buffer.data(), 4), 4u);
-    EXPECT_EQ(std::string(buffer.begin(), buffer.begin() + 4), content.substr(4, 4));
+    EXPECT_EQ(std::string(buffer.begin(), buffer.begin() + 4), "4567");
     recorder.reset();
     EXPECT_EQ(descriptors(), before) << "destruction left the stream open";
-    EXPECT_THAT(capture.text(),
-                HasSubstr("INFO [Recoder] Reached end of file on recorder device\n"));
+    EXPECT_THAT(capture.text(), HasSubstr("ERROR [Recoder] ~start: cannot open " + device +
+                                          ": No such file or directory\n"));
 }
 
-// A FIFO delivers in pieces: every byte arrives in order, nothing is read ahead, and a read
-// never waits for a writer that has nothing to say.
-TEST_F(RecorderTest, FifoIsReadUnbufferedAndEveryByteArrivesInOrder) {
+// A read takes what a FIFO has, in pieces of any size, no more and without waiting, and hears a
+// writer that comes back after the end.
+TEST_F(RecorderTest, FifoIsReadWithoutReadingAheadOrWaiting) {
     const std::string fifo = dir.file("fifo");
     ASSERT_EQ(::mkfifo(fifo.c_str(), 0600), 0);
     // Read-write: the recorder's open does not block, and the test can see what is left.
     const int other = ::open(fifo.c_str(), O_RDWR | O_NONBLOCK);
-    ASSERT_GE(other, 0);
     ASSERT_EQ(::write(other, "12345678", 8), 8);
     Recorder recorder(fifo, control);
     recorder.start();
@@ -201,6 +186,8 @@ TEST_F(RecorderTest, FifoIsReadUnbufferedAndEveryByteArrivesInOrder) {
     ASSERT_EQ(recorder.read(buffer.data(), 4), 4u);
     char rest[16] = {};
     EXPECT_EQ(::read(other, rest, sizeof rest), 4) << "the stream read ahead";
+    EXPECT_EQ(recorder.read(buffer.data(), 64), 0u) << "with nothing there";
+    EXPECT_FALSE(recorder.isEndOfData());
 
     std::string data(3001, '\0'); // below the pipe capacity: the writer never blocks
     for (size_t i = 0; i < data.size(); ++i) {
@@ -213,34 +200,20 @@ TEST_F(RecorderTest, FifoIsReadUnbufferedAndEveryByteArrivesInOrder) {
             sent += piece;
             std::this_thread::sleep_for(std::chrono::microseconds(i % 4 * 700));
         }
-        ::close(other); // the last writer gone: the reader sees the end of file
+        ::close(other); // the last writer gone: the end of the FIFO
     });
     std::string received;
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
-    while (!recorder.isEndOfData() && std::chrono::steady_clock::now() < deadline) {
+    EXPECT_TRUE(test::eventually([&] {
         received.append(reinterpret_cast<const char*>(buffer.data()),
                         recorder.read(buffer.data(), 64));
-    }
+        return recorder.isEndOfData();
+    }));
     writer.join();
     EXPECT_TRUE(received == data) << "received " << received.size() << " bytes";
-
-    // The C library reads an unbuffered stream again after its end: so does the recorder, and
-    // a writer that comes back is heard.
     const int back = ::open(fifo.c_str(), O_WRONLY | O_NONBLOCK);
-    ASSERT_GE(back, 0);
     ASSERT_EQ(::write(back, "again", 5), 5);
     EXPECT_EQ(recorder.read(buffer.data(), 64), 5u);
     EXPECT_FALSE(recorder.isEndOfData());
-
-    // A writer that stays silent: the read returns at once, the wait ends as data arrives.
-    EXPECT_EQ(recorder.read(buffer.data(), 64), 0u);
-    std::thread late([back] {
-        std::this_thread::sleep_for(std::chrono::milliseconds(10));
-        EXPECT_EQ(::write(back, "late", 4), 4);
-    });
-    recorder.waitForMaybeData();
-    late.join();
-    EXPECT_EQ(recorder.read(buffer.data(), 64), 4u);
     ::close(back);
 }
 
