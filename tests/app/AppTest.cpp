@@ -13,21 +13,28 @@ namespace {
 using namespace std::chrono_literals;
 using ::testing::ExitedWithCode;
 
-TEST(CommandLineOptions, EdgeValuesAndUnknownWords) {
-    const auto parse = [](const char* extra) {
-        return CommandLineOptions({"--file", "a.h5", "--data-bytes=4096", "--conf=mock",
-                                   "--rec-dev=/dev/r", "--unknown=1", "positional", extra});
+// Unknown options and extra words are ignored; a prefix that names one option alone is that
+// option, and a value may follow as the next word.
+TEST(CommandLineOptions, AbbreviationsEdgeValuesAndRefusals) {
+    const auto parse = [](std::vector<std::string> words) {
+        words.insert(words.end(), {"--unknown=1", "positional"});
+        return CommandLineOptions(words);
     };
-    EXPECT_EQ(parse("--src-addr=+256").getSrcAddr(), 256u);
-    const CommandLineOptions good = parse("--data-rate=7");
+    const CommandLineOptions good = parse({"--fi", "a.h5", "--data-b=4096", "--co=mock",
+                                           "--rec=/dev/r", "--src-addr=+256", "--data-r=7"});
     EXPECT_FALSE(good.hasError());
-    EXPECT_EQ(good.getDataRate(), 55); // the character '7'
     EXPECT_EQ(good.getFile(), "a.h5");
-    // --conf=int32 gives the scheme a second time, which the parser refuses.
+    EXPECT_EQ(good.getDataBytes(), 4096u);
+    EXPECT_EQ(good.getConf(), "mock");
+    EXPECT_EQ(good.getRecDev(), "/dev/r");
+    EXPECT_EQ(good.getSrcAddr(), 256u);
+    EXPECT_EQ(good.getDataRate(), 55); // the character '7'
+    // --conf=int32 gives the scheme a second time; --d fits --data-bytes and --data-rate.
     for (const char* bad :
-         {"--data-rate=10", "--src-addr=0x100", "--src-addr=4294967296", "--conf=int32"}) {
+         {"--data-rate=10", "--src-addr=0x100", "--src-addr=4294967296", "--conf=int32", "--d=5"}) {
         StderrCapture capture(1);
-        const CommandLineOptions options = parse(bad);
+        const CommandLineOptions options =
+            parse({"--file", "a.h5", "--data-bytes=4096", "--conf=mock", "--rec-dev=/dev/r", bad});
         EXPECT_NE(capture.text().find(
                       "ERROR [CommandLineOptions] Parsing command line options failed with '"),
                   std::string::npos)
@@ -52,15 +59,13 @@ void holdDeadline(std::function<bool()> stopRequested, bool arm, std::chrono::mi
     std::exit(0);
 }
 
-// The process ends with the code and the report that the run decided, after the last call.
-TEST(StopDeadlineDeathTest, EndsTheProcessWhenTheStopTakesTooLong) {
+// When it fires, the process ends with the code and the report that the run decided, after the
+// last call; released in time, it leaves the process alone.
+TEST(StopDeadlineDeathTest, EndsTheProcessOnlyWhenTheStopTakesTooLong) {
     EXPECT_EXIT(holdDeadline(nullptr, true, 10s), ExitedWithCode(7),
                 "^the run's report\nquarvel: a data mover did not stop.*\nlast call\n$");
     EXPECT_EXIT(holdDeadline([] { return true; }, false, 10s), ExitedWithCode(5),
                 "^stopped by request\nquarvel: a data mover did not stop.*\nlast call\n$");
-}
-
-TEST(StopDeadlineDeathTest, LeavesTheProcessAloneWhenReleasedInTime) {
     EXPECT_EXIT(holdDeadline(nullptr, true, 0ms), ExitedWithCode(0), "");
     EXPECT_EXIT(holdDeadline([] { return false; }, false, 500ms), ExitedWithCode(0), "");
 }
