@@ -26,10 +26,7 @@ auto refused(const std::string& text) {
 struct Fake : AbstractDataSource, AbstractDataSink {
     Fake(std::string& callLog, std::string elementName)
         : calls(callLog), name(std::move(elementName)) {}
-    void open(uint32_t size) override {
-        calls += name + ".open ";
-        opened.push_back(size);
-    }
+    void open(uint32_t) override { calls += name + ".open "; }
     void close() override {
         calls += name + ".close ";
         if (throwOnClose) {
@@ -71,7 +68,7 @@ struct Fake : AbstractDataSource, AbstractDataSink {
     uint32_t emptyReads = 0;        // the first reads find nothing
     uint32_t produced = 0, received = 0, misplaced = 0;
     bool throwOnClose = false;
-    std::vector<uint32_t> requests, opened;
+    std::vector<uint32_t> requests;
 };
 
 const std::string kOneCycle = "sink.open source.open source.close sink.close ";
@@ -80,11 +77,6 @@ struct Rig {
     void runToEnd(uint32_t size) {
         mover->start(size);
         ASSERT_TRUE(eventually([this] { return mover->isFinished(); })) << "mover hangs";
-    }
-    void expectAborted(const std::string& expectedCalls) {
-        EXPECT_TRUE(mover->failed() && mover->isFinished());
-        EXPECT_EQ(mover->errorText(), "transfer aborted");
-        EXPECT_EQ(calls, expectedCalls);
     }
 
     std::string calls;
@@ -135,34 +127,6 @@ TEST(DataMover, MovesEveryByteInBuffersOfAtMost128KiBOrRecordsTheFirstFailure) {
     }
 }
 
-TEST(DataMover, AbortInAnyStateLeavesTheMoverFailedAndFinished) {
-    Rig waiting;
-    waiting.source->emptyReads = UINT32_MAX; // the worker keeps waiting
-    waiting.mover->start(4096);
-    ASSERT_TRUE(eventually([&] { return waiting.source->waits.load() > 0; }))
-        << "the worker never waited for data";
-    EXPECT_FALSE(waiting.mover->isFinished());
-    const auto before = std::chrono::steady_clock::now();
-    waiting.mover->abort();
-    EXPECT_LT(std::chrono::steady_clock::now() - before, 2s);
-    waiting.expectAborted(kOneCycle);
-
-    Rig rig;
-    EXPECT_THAT([&] { rig.mover->start(6); }, refused("Size must be a multiple of 4 bytes"));
-    StderrCapture log(2);
-    rig.mover->abort();
-    EXPECT_NE(log.text().find("] abort data mover Mover 0 to 1\n"), std::string::npos);
-    rig.expectAborted("");
-    // An ended mover keeps its thread until aborted, and may run again after that.
-    rig.runToEnd(4096);
-    EXPECT_THAT([&] { rig.mover->start(4096); }, refused("DataMover is already running"));
-    rig.mover->abort();
-    rig.expectAborted(kOneCycle);
-    rig.runToEnd(4096);
-    EXPECT_FALSE(rig.mover->failed());
-    EXPECT_EQ(rig.sink->received, 8192u);
-}
-
 // The progress line's layout is checked on the program's output; here what a run rarely shows.
 TEST(DataMover, ProgressOfNothingAndByteCounts) {
     std::ostringstream out;
@@ -207,42 +171,6 @@ TEST(ChainAssembly, ValidatesTheChainAndNamesTheMoversByPosition) {
     EXPECT_EQ(movers[0]->name(), "Mover 0 to 1");
     EXPECT_EQ(movers[1]->name(), "Mover 1 to 2");
     EXPECT_EQ(createMovers({both, both}).size(), 1u); // the unused sides of the ends do no harm
-}
-
-// A decoder whose output is twice its input, as Lumetra's is; it delivers nothing.
-struct Doubler : AbstractDecoder {
-    void open(uint32_t size) override { opened.push_back(size); }
-    void close() override {}
-    uint32_t optimalReadSize() override { return 4; }
-    uint32_t read(uint8_t*, uint32_t) override { return 0; }
-    void waitForMaybeData() override { std::this_thread::sleep_for(1ms); }
-    bool isEndOfData() override { return false; }
-    uint32_t optimalWriteSize() override { return 4; }
-    uint32_t write(const uint8_t*, uint32_t len) override { return len; }
-    uint32_t outputSizeFor(uint32_t inputSize) override { return 2 * inputSize; }
-    std::vector<uint32_t> opened; // by the thread that starts the movers
-};
-
-// Each side is opened with the size of its mover.
-TEST(ChainAssembly, EachMoverBehindADecoderStartsWithWhatTheDecoderDelivers) {
-    std::string sourceCalls, sinkCalls; // closed on different threads
-    const auto source = std::make_shared<Fake>(sourceCalls, "source");
-    const auto sink = std::make_shared<Fake>(sinkCalls, "sink");
-    const auto first = std::make_shared<Doubler>(), second = std::make_shared<Doubler>();
-    const auto element = [](std::shared_ptr<AbstractDataSource> from,
-                            std::shared_ptr<AbstractDataSink> to) {
-        return std::make_shared<DataSinkOrSource>(std::move(from), std::move(to), "");
-    };
-    StderrCapture log(4);
-    startMovers(createMovers({element(source, nullptr), element(first, first),
-                              element(second, second), element(nullptr, sink)}),
-                4096);
-    EXPECT_EQ(source->opened, (std::vector<uint32_t>{4096}));
-    EXPECT_EQ(first->opened, (std::vector<uint32_t>{4096, 8192}));
-    EXPECT_EQ(second->opened, (std::vector<uint32_t>{8192, 16384}));
-    EXPECT_EQ(sink->opened, (std::vector<uint32_t>{16384}));
-    EXPECT_NE(log.text().find("] starting data mover Mover 1 to 2 with size 8192\n"),
-              std::string::npos);
 }
 
 } // namespace
