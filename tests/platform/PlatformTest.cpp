@@ -1,5 +1,4 @@
 #include "platform/Logger.h"
-#include "platform/MorvikApplication.h"
 #include "platform/Sleep.h"
 
 #include "tests/support/TestSupport.h"
@@ -141,35 +140,6 @@ TEST(Logger, ThreadsKeepLinesWholeAndShareOneRepeatCount) {
               "WARNING [DataMover] read failed (1599 repeats suppressed in the last S s)");
     EXPECT_EQ(lines.back(),
               "WARNING [quarvel] mover stalled (1599 repeats suppressed in the last S s)");
-}
-
-struct App : morvik::pellum::utils::MorvikApplication {
-    App(int& argc, const char** argv) : MorvikApplication(argc, const_cast<char**>(argv), true) {}
-
-    int handleArguments(const std::vector<std::string>& args) override {
-        received.insert(received.end(), args.begin(), args.end());
-        return 0;
-    }
-    morvik::pellum::utils::JobResult runJob() override {
-        received.push_back("job");
-        return {0, 43};
-    }
-
-    std::vector<std::string> received;
-};
-
-// The option is taken as one word or two, and the last one counts; the hook gets the other
-// words, and the job's code is the result.
-TEST(Framework, ConsumesItsLogLevelOptionAndHandsTheRestToTheHook) {
-    const Finally kept{[saved = threshold()] { setThreshold(saved); }};
-    const char* argv[] = {"quarvel", "--log-level=info", "--conf=mock", "word", "--log-level", "1",
-                          nullptr};
-    int argc = 6;
-    App app(argc, argv);
-    EXPECT_EQ(argc, 3);
-    EXPECT_EQ(threshold(), 1);
-    EXPECT_EQ(app.run(), 43);
-    EXPECT_EQ(app.received, (std::vector<std::string>{"--conf=mock", "word", "job"}));
 }
 
 // The program handles its stop signals, and each would cut a bare nanosleep short.
