@@ -25,14 +25,6 @@ std::string buildError(const std::string& conf, const std::string& device, uint3
     return "";
 }
 
-// The listing and a wrong case are checked on the program's output.
-TEST(Registry, FindsOnlyExactNames) {
-    const ConfigurationMap registry = createConfigurations();
-    for (const std::string name : {" mock", "mock ", "", "int", "int32x"}) {
-        EXPECT_THROW(getConfiguration(registry, name), std::out_of_range) << "'" << name << "'";
-    }
-}
-
 // Each recorder scheme programs the recorder once (the files alone cannot tell), with the
 // options' values. Regression: a byte count that the decoder cannot deliver was refused only
 // after the recorder had been programmed.
