@@ -19,7 +19,9 @@
 #include <vector>
 
 #include <sys/resource.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/un.h>
 #include <sys/wait.h>
 
 namespace quarvel::test {
@@ -427,6 +429,18 @@ void directory(Scene& scene) {
     }
 }
 
+// The device: a socket, which cannot be opened.
+void socketFile(Scene& scene) {
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    scene.device.copy(address.sun_path, sizeof address.sun_path - 1);
+    const int fd = ::socket(AF_UNIX, SOCK_STREAM, 0);
+    if (privateMounts(scene)) {
+        ASSERT_EQ(::bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+    }
+    ::close(fd);
+}
+
 // The run's directory is a file system of 8 MiB.
 void smallDisk(Scene& scene) {
     const std::string disk = scene.dir.path();
@@ -519,6 +533,10 @@ INSTANTIATE_TEST_SUITE_P(
             "EXCPETION THROWNbytesCount must be a multiple of 4\n"},
         Row{"RecorderByteCountNotAMultipleOf4", args("int32", 6), 42, IsEmpty(),
             "EXCPETION THROWNSize must be a multiple of 4 bytes\n", "", "", kAll, fileOf("")},
+        Row{"DeviceThatCannotBeOpened", args("int32", 4096), 42, IsEmpty(),
+            "EXCPETION THROWNFailed to open the recorder device for reading\n",
+            "ERROR [Recoder] ~start: cannot open {dev}: No such device or address", "", kAll,
+            socketFile},
         Row{"MissingDevice", args("int32", 4096), 42, IsEmpty(),
             "EXCPETION THROWNFailed to get stat from cdev, file exist?\n",
             "ERROR [Recoder] ::stat on recorder cdev failed with 2", "kept"},
