@@ -580,8 +580,6 @@ INSTANTIATE_TEST_SUITE_P(
         // read, and the deadline then left an unreadable file.
         Row{"StalledInt32Device", args("int32", 8u << 20), 1, kProgress, kStopped, "", "stopped",
             kAll, stallingFifoOf(words(1u << 18)), 1500ms, stop(SIGTERM)},
-        Row{"StalledTavoAdcDevice", args("tavoadc", 8u << 20), 1, kProgress, kStopped, "",
-            "stopped", kAll, stallingFifoOf(words(1u << 18)), 1500ms, stop(SIGTERM)},
         // Regression: a FIFO that nobody writes kept the program in the device's open.
         Row{"SilentDeviceLeavesAnOlderFile", args("int32", 4096), 1, kProgress, kStopped, "",
             "kept", kAll, silentFifo, 300ms, stop(SIGTERM)},
