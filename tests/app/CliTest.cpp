@@ -1,7 +1,7 @@
 // Black-box runs of the built program, through the emulator in cross builds: each row is one
 // run, with its exit code, what it prints and what it leaves. The recorder schemes read a regular
-// file, a FIFO or a directory as their device (number 0:0), whose control directory is on a
-// tmpfs over /sys/dev/char in a mount namespace of this test (root only).
+// file, a FIFO, a directory or a socket as their device (number 0:0), whose control directory is
+// on a tmpfs over /sys/dev/char in a mount namespace of this test (root only).
 
 #include "tests/support/TestSupport.h"
 
@@ -463,7 +463,7 @@ void secondRunIsRefused(Scene& scene, pid_t pid) {
     kill(pid, SIGTERM);
 }
 
-Act stop(int signalNumber) {
+Act send(int signalNumber) {
     return [signalNumber](Scene&, pid_t pid) { kill(pid, signalNumber); };
 }
 
@@ -568,35 +568,35 @@ INSTANTIATE_TEST_SUITE_P(
 
         // Stopped within a second, with what was recorded.
         Row{"SigtermStops", args("mock", kLargest), 1, kProgress, kStopped, "", "stopped", 4096,
-            kNothing, 1s, stop(SIGTERM)},
+            kNothing, 1s, send(SIGTERM)},
         Row{"SigintStops", args("mock", kLargest), 1, kProgress, kStopped, "", "stopped", 4096,
-            kNothing, 1s, stop(SIGINT)},
+            kNothing, 1s, send(SIGINT)},
         Row{"SighupOfADroppedSessionStops", args("mock", kLargest), 1, kProgress, kStopped, "",
-            "stopped", 4096, kNothing, 1s, stop(SIGHUP)},
+            "stopped", 4096, kNothing, 1s, send(SIGHUP)},
         Row{"DeviceThatEndsEarlyIsPolledUntilStopped",
             args("lumetra", 8192, "{file}", "--log-level=fatal --log-level info"), 1, kProgress,
-            kStopped, kEndOfDevice, "stopped", kAll, fileOf(words(1000)), 500ms, stop(SIGTERM)},
+            kStopped, kEndOfDevice, "stopped", kAll, fileOf(words(1000)), 500ms, send(SIGTERM)},
         // Regression: a device that delivered and then stalled kept its mover in the kernel's
         // read, and the deadline then left an unreadable file.
-        Row{"StalledInt32Device", args("int32", 8u << 20), 1, kProgress, kStopped, "", "stopped",
-            kAll, stallingFifoOf(words(1u << 18)), 1500ms, stop(SIGTERM)},
+        Row{"StalledDevice", args("int32", 8u << 20), 1, kProgress, kStopped, "", "stopped", kAll,
+            stallingFifoOf(words(1u << 18)), 1500ms, send(SIGTERM)},
         // Regression: a FIFO that nobody writes kept the program in the device's open.
         Row{"SilentDeviceLeavesAnOlderFile", args("int32", 4096), 1, kProgress, kStopped, "",
-            "kept", kAll, silentFifo, 300ms, stop(SIGTERM)},
+            "kept", kAll, silentFifo, 300ms, send(SIGTERM)},
         // The repeats of a failing read are held back.
         Row{"DeviceWhoseReadsFailDoesNotFloodTheLog", args("int32", 4096), 1, kProgress, kStopped,
             "ERROR [Recoder] Got error 1 while reading on recorder device\n"
             "ERROR [Recoder] reading {dev} failed: Is a directory",
-            "", kAll, directory, 2s, stop(SIGTERM)},
+            "", kAll, directory, 2s, send(SIGTERM)},
 
         // kill -9 at any moment leaves FILE.part readable up to its last checkpoint, at most
         // about a second old.
         Row{"KilledAfter1300ms", args("mock", kLargest), -1, _, "", "", "recording", 1, kNothing,
-            1300ms, stop(SIGKILL)},
+            1300ms, send(SIGKILL)},
         Row{"KilledAfter2100ms", args("mock", kLargest), -1, _, "", "", "recording", 1, kNothing,
-            2100ms, stop(SIGKILL)},
+            2100ms, send(SIGKILL)},
         Row{"KilledAfter2900ms", args("mock", kLargest), -1, _, "", "", "recording", 1, kNothing,
-            2900ms, stop(SIGKILL)},
+            2900ms, send(SIGKILL)},
 
         // Failed writes keep what the file took. Regression: after a file size limit (SIGXFSZ
         // is ignored), HDF5's exit handlers crashed.
