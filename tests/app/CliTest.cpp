@@ -310,7 +310,7 @@ size_t occurrences(const std::string& text, const std::string& part) {
 
 class Run : public ::testing::TestWithParam<Row> {};
 
-TEST_P(Run, ExitsPrintsAndLeavesAsDocumented) {
+TEST_P(Run, EndsWithItsCodeTextsAndFiles) {
     const Row& row = GetParam();
     Scene scene;
     for (const auto& arg : row.args) {
