@@ -4,9 +4,9 @@
 
 #include "configurations/Configurations.h"
 #include "dataflow/ChainAssembly.h"
+#include "dataflow/DataMover.h"
 #include "dataflow/RunOutcome.h"
 #include "platform/Logger.h"
-#include "platform/Sleep.h"
 #include "sinks/SinkHDF5.h"
 
 #include <algorithm>
@@ -32,16 +32,20 @@ JobResult exitWith(int32_t code) {
     return JobResult{0, code};
 }
 
-// Waits one progress period, but wakes within a glance when the run's work has ended: a run
-// ends when its work ends, not at the next progress line.
+// Waits one progress period, but wakes as soon as a mover ends or fails, and within a glance
+// for a stop signal: a run ends when its work ends, not at the next progress line.
 void waitPollPeriod(const std::function<bool()>& ended) {
     const auto end = std::chrono::steady_clock::now() + kPollPeriod;
-    while (!ended()) {
+    for (;;) {
+        const uint64_t seen = moverEndings(); // before the look, so that no ending is missed
+        if (ended()) {
+            return;
+        }
         const auto left = end - std::chrono::steady_clock::now();
         if (left <= std::chrono::steady_clock::duration::zero()) {
             return;
         }
-        sleepFor(std::min<std::chrono::steady_clock::duration>(kGlance, left));
+        waitForMoverEnding(seen, std::min<std::chrono::steady_clock::duration>(kGlance, left));
     }
 }
 

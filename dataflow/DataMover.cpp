@@ -3,8 +3,10 @@
 #include <algorithm>
 #include <chrono>
 #include <cmath>
+#include <condition_variable>
 #include <iomanip>
 #include <limits>
+#include <mutex>
 #include <sstream>
 #include <stdexcept>
 #include <vector>
@@ -145,12 +147,49 @@ uint32_t DataMover::computeBufferSize() {
     return size;
 }
 
+namespace {
+
+struct MoverEndings {
+    std::mutex mutex;
+    std::condition_variable changed;
+    uint64_t count = 0;
+};
+
+MoverEndings& endings() {
+    static MoverEndings instance;
+    return instance;
+}
+
+void announceMoverEnding() {
+    MoverEndings& all = endings();
+    {
+        std::lock_guard<std::mutex> lock(all.mutex);
+        ++all.count;
+    }
+    all.changed.notify_all();
+}
+
+} // namespace
+
+uint64_t moverEndings() {
+    MoverEndings& all = endings();
+    std::lock_guard<std::mutex> lock(all.mutex);
+    return all.count;
+}
+
+void waitForMoverEnding(uint64_t seen, std::chrono::steady_clock::duration timeout) {
+    MoverEndings& all = endings();
+    std::unique_lock<std::mutex> lock(all.mutex);
+    all.changed.wait_for(lock, timeout, [&] { return all.count != seen; });
+}
+
 void DataMover::recordFailure(const std::string& text) {
     if (mFailed.load()) {
         return; // the first failure is the one worth reporting
     }
     mErrorText = text;
     mFailed.store(true);
+    announceMoverEnding();
 }
 
 void DataMover::transfer() {
@@ -251,6 +290,7 @@ void DataMover::thread() {
     closeSide(true);
     closeSide(false);
     mFinished.store(true);
+    announceMoverEnding();
     pellumDoLog(Severity::Info, "-thread", {});
 }
 

@@ -4,6 +4,7 @@
 #include "platform/Logger.h"
 
 #include <atomic>
+#include <chrono>
 #include <memory>
 #include <string>
 #include <thread>
@@ -15,6 +16,12 @@ std::string formatByteCount(uint32_t value);
 
 // One progress segment, without line end: "64 KB / 128 KB     50%     @ 512 B/s" and blanks.
 void writeProgress(std::ostream& out, uint32_t done, uint32_t total, uint32_t bytesPerSecond);
+
+// How many mover threads, of any mover, have failed or ended so far: the transfer run sleeps
+// until this changes instead of looking again and again.
+uint64_t moverEndings();
+// Returns once moverEndings() differs from seen, or after timeout.
+void waitForMoverEnding(uint64_t seen, std::chrono::steady_clock::duration timeout);
 
 // Moves a byte count from a source to a sink on a thread of its own, in buffers of up to
 // 128 KiB. The job's thread polls the atomics below while the worker runs; the error text is

@@ -127,6 +127,19 @@ TEST(DataMover, MovesEveryByteInBuffersOfAtMost128KiBOrRecordsTheFirstFailure) {
     }
 }
 
+// The transfer run sleeps on this instead of looking again and again.
+TEST(DataMover, AMoverThatEndsWakesTheRunWaitingForIt) {
+    Rig rig;
+    rig.source->emptyReads = 20; // the end comes a while after the wait starts
+    const uint64_t seen = moverEndings();
+    const auto start = std::chrono::steady_clock::now();
+    rig.mover->start(4096);
+    waitForMoverEnding(seen, 20s);
+    EXPECT_LT(std::chrono::steady_clock::now() - start, 10s) << "woken by the timeout";
+    EXPECT_TRUE(rig.mover->isFinished());
+    EXPECT_EQ(moverEndings(), seen + 1);
+}
+
 // The progress line's layout is checked on the program's output; here what a run rarely shows.
 TEST(DataMover, ProgressOfNothingAndByteCounts) {
     std::ostringstream out;
