@@ -49,6 +49,18 @@ void waitPollPeriod(const std::function<bool()>& ended) {
     }
 }
 
+// Every mover has finished, or one has failed: either way the loop has something to do.
+bool workEnded(const std::vector<std::shared_ptr<AbstractDataMover>>& movers) {
+    bool allFinished = true;
+    for (const auto& mover : movers) {
+        if (mover->failed()) {
+            return true;
+        }
+        allFinished = allFinished && mover->isFinished();
+    }
+    return allFinished;
+}
+
 } // namespace
 
 // The framework may change the count it is given, so it gets a copy.
@@ -214,16 +226,7 @@ int QuarvelApp::transfer(Run& run, StopDeadline& deadline) {
         std::cout << "Transfer: ";
         first->printProgress(std::cout);
         std::cout << '\r' << std::flush;
-        waitPollPeriod([this, &movers] {
-            bool done = true;
-            for (const auto& mover : movers) {
-                if (mover->failed()) {
-                    return true;
-                }
-                done = done && mover->isFinished();
-            }
-            return done || gotSigTerm();
-        });
+        waitPollPeriod([this, &movers] { return workEnded(movers) || gotSigTerm(); });
     }
 
     if (gotSigTerm()) {

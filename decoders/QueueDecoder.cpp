@@ -36,30 +36,23 @@ size_t QueueDecoder::peakBufferedSamples() const {
     return mPeak;
 }
 
-bool QueueDecoder::writerMayAppend(size_t samples) const {
+// Whether a call of samples may be appended while the queue holds at most highWater.
+bool QueueDecoder::roomFor(size_t samples, size_t highWater) const {
     if (samples == 0 || mClosed || mBuffer.empty()) {
         return true;
     }
     const size_t size = mBuffer.size();
-    return size < mCapacity && samples <= mCapacity - size;
-}
-
-bool QueueDecoder::writerMayResume(size_t samples) const {
-    if (mClosed || mBuffer.empty()) {
-        return true;
-    }
-    const size_t size = mBuffer.size();
-    return size <= mCapacity / 2 && samples <= mCapacity - size;
+    return size <= highWater && size < mCapacity && samples <= mCapacity - size;
 }
 
 void QueueDecoder::waitForRoom(std::unique_lock<std::mutex>& lock, size_t samples) {
-    if (writerMayAppend(samples)) {
+    if (roomFor(samples, mCapacity)) {
         return;
     }
     // A writer held by a full queue waits until the reader has taken half of it, not just room
     // for its call: waking it for every read would cost two context switches per read.
     mWriterWaiting = true;
-    while (!writerMayResume(samples)) {
+    while (!roomFor(samples, mCapacity / 2)) {
         if (mOpenCount.load() >= 2) {
             mRoomMade.wait(lock);
         } else if (mRoomMade.wait_for(lock, kLoneWriterWait) == std::cv_status::timeout &&

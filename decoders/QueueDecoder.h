@@ -62,8 +62,7 @@ private:
     // queue is filled and drained by block copies rather than one push or pop per sample.
     static constexpr size_t kPieceSamples = 4096;
 
-    bool writerMayAppend(size_t samples) const;
-    bool writerMayResume(size_t samples) const;
+    bool roomFor(size_t samples, size_t highWater) const;
     void waitForRoom(std::unique_lock<std::mutex>& lock, size_t samples);
 
     std::deque<int32_t> mBuffer;
