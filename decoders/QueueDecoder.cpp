@@ -13,6 +13,9 @@ QueueDecoder::QueueDecoder(size_t capacitySamples, size_t samplesPerWord)
     if (capacitySamples == 0) {
         throw std::invalid_argument("decoder queue capacity must be at least one sample");
     }
+    if (samplesPerWord == 0 || samplesPerWord > kMaxSamplesPerWord) {
+        throw std::invalid_argument("a decoded word must give one to eight samples");
+    }
 }
 
 void QueueDecoder::open(uint32_t /*totalSize*/) {
@@ -38,11 +41,10 @@ size_t QueueDecoder::peakBufferedSamples() const {
 
 // Whether a call of samples may be appended while the queue holds at most highWater.
 bool QueueDecoder::roomFor(size_t samples, size_t highWater) const {
-    if (samples == 0 || mClosed || mBuffer.empty()) {
+    if (samples == 0 || mClosed || mSize == 0) {
         return true;
     }
-    const size_t size = mBuffer.size();
-    return size <= highWater && size < mCapacity && samples <= mCapacity - size;
+    return mSize <= highWater && mSize < mCapacity && samples <= mCapacity - mSize;
 }
 
 void QueueDecoder::waitForRoom(std::unique_lock<std::mutex>& lock, size_t samples) {
@@ -65,25 +67,60 @@ void QueueDecoder::waitForRoom(std::unique_lock<std::mutex>& lock, size_t sample
     mWriterWaiting = false;
 }
 
+// Grows the ring, if need be, to take samples more; only calls that the capacity does not bound
+// (one larger than it, a lone writer's, one after a close) grow it past the capacity.
+void QueueDecoder::makeRoom(size_t samples) {
+    const size_t needed = mSize + samples;
+    if (needed <= mBufferSize) {
+        return;
+    }
+    const size_t size = std::max({needed, mCapacity, 2 * mBufferSize});
+    std::unique_ptr<int32_t[]> ring(new int32_t[size]);
+    const size_t first = std::min(mSize, mBufferSize - mHead);
+    std::copy_n(mBuffer.get() + mHead, first, ring.get());
+    std::copy_n(mBuffer.get(), mSize - first, ring.get() + first);
+    mBuffer = std::move(ring);
+    mBufferSize = size;
+    mHead = 0;
+}
+
+// Decodes straight into the ring's free space, which makeRoom has made large enough.
+void QueueDecoder::append(const uint8_t* words, uint32_t len) {
+    makeRoom(len / 4 * mSamplesPerWord);
+    for (uint32_t at = 0; at < len;) {
+        const size_t tail = (mHead + mSize) % mBufferSize;
+        const size_t contiguous = tail >= mHead ? mBufferSize - tail : mHead - tail;
+        const uint32_t bytes = static_cast<uint32_t>(
+            std::min<size_t>((len - at) / 4, contiguous / mSamplesPerWord) * 4);
+        if (bytes > 0) {
+            decode(words + at, bytes, mBuffer.get() + tail);
+            mSize += bytes / 4 * mSamplesPerWord;
+            at += bytes;
+            continue;
+        }
+        // A word whose samples straddle the end of the ring.
+        int32_t samples[kMaxSamplesPerWord];
+        decode(words + at, 4, samples);
+        for (size_t i = 0; i < mSamplesPerWord; ++i) {
+            mBuffer[(mHead + mSize) % mBufferSize] = samples[i];
+            ++mSize;
+        }
+        at += 4;
+    }
+}
+
 uint32_t QueueDecoder::write(const uint8_t* buffer, uint32_t len) {
     if (len % 4 != 0) {
         pellumDoLog(Severity::Fatal, "buffer_count %% 4 != 0: not supported", {});
         throw std::runtime_error("buffer_count not a multiple of four, not supported");
     }
-    const size_t samples = len / 4 * mSamplesPerWord;
     size_t count = 0;
     {
         std::unique_lock<std::mutex> lock(mMutex);
-        waitForRoom(lock, samples);
-        int32_t piece[kPieceSamples];
-        const uint32_t pieceBytes = static_cast<uint32_t>(kPieceSamples / mSamplesPerWord * 4);
-        for (uint32_t at = 0; at < len; at += pieceBytes) {
-            const uint32_t bytes = std::min(pieceBytes, len - at);
-            decode(buffer + at, bytes, piece);
-            mBuffer.insert(mBuffer.end(), piece, piece + bytes / 4 * mSamplesPerWord);
-        }
+        waitForRoom(lock, len / 4 * mSamplesPerWord);
+        append(buffer, len);
         ++mGeneration;
-        count = mBuffer.size();
+        count = mSize;
         mPeak = std::max(mPeak, count);
     }
     mDataWritten.notify_all();
@@ -101,18 +138,18 @@ uint32_t QueueDecoder::read(uint8_t* buffer, uint32_t bufferLen) {
     bool wakeWriter = false;
     {
         std::lock_guard<std::mutex> lock(mMutex);
-        count = std::min<size_t>(bufferLen / 4, mBuffer.size());
-        // Through an aligned piece, because the caller's buffer need not be aligned.
-        int32_t piece[kPieceSamples];
-        auto from = mBuffer.begin();
-        for (size_t at = 0; at < count; at += kPieceSamples) {
-            const auto n = static_cast<std::ptrdiff_t>(std::min(kPieceSamples, count - at));
-            std::copy(from, from + n, piece);
-            std::memcpy(buffer + at * sizeof(int32_t), piece, static_cast<size_t>(n) * 4);
-            from += n;
+        count = std::min<size_t>(bufferLen / 4, mSize);
+        // Byte copies: the caller's buffer need not be aligned for int32.
+        const size_t first = std::min(count, mBufferSize - mHead);
+        if (count > 0) {
+            std::memcpy(buffer, mBuffer.get() + mHead, first * sizeof(int32_t));
+            std::memcpy(buffer + first * sizeof(int32_t), mBuffer.get(),
+                        (count - first) * sizeof(int32_t));
         }
-        mBuffer.erase(mBuffer.begin(), from);
-        left = mBuffer.size();
+        mSize -= count;
+        // An emptied ring starts over at its front, whose lines are likely still cached.
+        mHead = mSize == 0 ? 0 : (mHead + count) % mBufferSize;
+        left = mSize;
         wakeWriter = mWriterWaiting && count > 0 && left <= mCapacity / 2;
     }
     if (wakeWriter) {
@@ -127,7 +164,7 @@ void QueueDecoder::waitForMaybeData() {
     pellumDoLog(Severity::Debug, "+waitForMaybeData", {});
     std::unique_lock<std::mutex> lock(mMutex);
     // Samples may have landed between the caller's empty read and this wait.
-    if (mBuffer.empty()) {
+    if (mSize == 0) {
         const uint64_t seen = mGeneration;
         mDataWritten.wait_for(lock, kWaitTimeout, [&] { return mGeneration != seen; });
     }

@@ -8,7 +8,7 @@
 #include <condition_variable>
 #include <cstddef>
 #include <cstdint>
-#include <deque>
+#include <memory>
 #include <mutex>
 
 namespace quarvel {
@@ -58,14 +58,21 @@ protected:
     virtual void decode(const uint8_t* words, uint32_t len, int32_t* out) const = 0;
 
 private:
-    // Samples move into and out of mBuffer through a plain array of this many, so that the
-    // queue is filled and drained by block copies rather than one push or pop per sample.
-    static constexpr size_t kPieceSamples = 4096;
+    static constexpr size_t kMaxSamplesPerWord = 8;
 
     bool roomFor(size_t samples, size_t highWater) const;
     void waitForRoom(std::unique_lock<std::mutex>& lock, size_t samples);
+    void makeRoom(size_t samples);
+    void append(const uint8_t* words, uint32_t len);
 
-    std::deque<int32_t> mBuffer;
+    // A ring of mBufferSize samples, mSize of them queued from mHead on. Samples are decoded
+    // straight into it and leave it in at most two block copies; with a deque, a 256 MiB mock
+    // recording took 7% more CPU time. Allocated on the first write, uninitialised, so that
+    // its pages cost memory only once they carry samples.
+    std::unique_ptr<int32_t[]> mBuffer;
+    size_t mBufferSize = 0;
+    size_t mHead = 0;
+    size_t mSize = 0;
     mutable std::mutex mMutex;
     std::condition_variable mDataWritten;
     std::condition_variable mRoomMade;

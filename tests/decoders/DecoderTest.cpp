@@ -155,6 +155,36 @@ TEST(Decoders, LargeCallsKeepEverySampleInOrder) {
     }
 }
 
+// Two samples per word in a queue of odd capacity: a word's samples straddle the queue's end,
+// and a call let in past the capacity (here after a close) moves queued samples that wrap.
+TEST(Decoders, PairsOfSamplesSurviveTheQueueWrappingAndGrowing) {
+    DecoderLumetraDds decoder(7);
+    decoder.open(0);
+    decoder.open(0);
+    int16_t next = 1;
+    Samples expected;
+    const auto writeWords = [&](size_t words) {
+        std::vector<uint8_t> bytes;
+        for (size_t i = 0; i < 2 * words; ++i, ++next) {
+            bytes.insert(bytes.end(), {uint8_t(next), uint8_t(uint16_t(next) >> 8)});
+            expected.push_back(next);
+        }
+        decoder.write(bytes.data(), static_cast<uint32_t>(bytes.size()));
+    };
+    Samples got;
+    const auto take = [&](size_t samples) {
+        const Samples part = readSamples(decoder, samples);
+        got.insert(got.end(), part.begin(), part.end());
+    };
+    writeWords(3);
+    take(5);
+    writeWords(2); // one sample left at the end of the queue, then it wraps
+    decoder.close();
+    writeWords(5);
+    take(100);
+    EXPECT_EQ(got, expected);
+}
+
 TEST(Decoders, StreamsMillionsOfSamplesInOrderWithinASmallCapacity) {
     constexpr size_t kCapacity = 1024;
     constexpr size_t kTotal = 2 * 1024 * 1024;
