@@ -11,6 +11,8 @@
 #include <type_traits>
 #include <vector>
 
+#include <fcntl.h>
+
 namespace quarvel {
 
 namespace {
@@ -22,6 +24,8 @@ struct File {
     std::vector<uint8_t> buffer;
     haddr_t bufferAddress = 0;
     int failure = 0; // errno of the write that failed, for good
+    int fd = -1;     // the inner driver's, for write-back; -1 when it has none
+    haddr_t writeBackFrom = 0;
 };
 static_assert(std::is_standard_layout_v<File>, "HDF5 holds a File by its leading H5FD_t");
 
@@ -48,6 +52,21 @@ herr_t failWith(int error) {
     return -1;
 }
 
+// Asks the kernel to start writing what has reached the file, up to end, once a few MiB have
+// gathered: otherwise the close's fsync would wait for the whole file, after all the work, and a
+// board would fill its memory with dirty pages. Only starts the writes, and reports no errors:
+// the fsyncs of checkpoints and of the close still wait for them and see their failures.
+void startWriteBack(File& file, haddr_t end) {
+    constexpr haddr_t kPage = 4096;
+    const haddr_t to = end / kPage * kPage; // a partial last page will be written again
+    if (file.fd < 0 || to < file.writeBackFrom + WriteBehindDriver::kWriteBackBytes) {
+        return;
+    }
+    ::sync_file_range(file.fd, static_cast<off_t>(file.writeBackFrom),
+                      static_cast<off_t>(to - file.writeBackFrom), SYNC_FILE_RANGE_WRITE);
+    file.writeBackFrom = to;
+}
+
 herr_t writeBuffer(File& file) {
     if (file.failure != 0) {
         return failWith(file.failure);
@@ -61,6 +80,7 @@ herr_t writeBuffer(File& file) {
         file.failure = errno != 0 ? errno : EIO;
         return failWith(file.failure);
     }
+    startWriteBack(file, file.bufferAddress + file.buffer.size());
     file.buffer.clear();
     return 0;
 }
@@ -77,6 +97,10 @@ H5FD_t* open(const char* name, unsigned flags, hid_t /*access*/, haddr_t maxAddr
     }
     file->inner = inner;
     file->buffer.reserve(WriteBehindDriver::kBufferBytes);
+    void* handle = nullptr;
+    if (H5FDget_vfd_handle(inner, H5P_DEFAULT, &handle) >= 0 && handle != nullptr) {
+        file->fd = *static_cast<int*>(handle);
+    }
     return &file->base;
 }
 
