@@ -147,8 +147,13 @@ uint32_t QueueDecoder::read(uint8_t* buffer, uint32_t bufferLen) {
                         (count - first) * sizeof(int32_t));
         }
         mSize -= count;
-        // An emptied ring starts over at its front, whose lines are likely still cached.
         mHead = mSize == 0 ? 0 : (mHead + count) % mBufferSize;
+        // An emptied ring starts over at its front, whose lines are likely still cached; one that
+        // a call grew past the capacity goes back to the heap, as the call's samples have gone.
+        if (mSize == 0 && mBufferSize > mCapacity) {
+            mBuffer.reset();
+            mBufferSize = 0;
+        }
         left = mSize;
         wakeWriter = mWriterWaiting && count > 0 && left <= mCapacity / 2;
     }

@@ -182,6 +182,8 @@ TEST(Decoders, PairsOfSamplesSurviveTheQueueWrappingAndGrowing) {
     decoder.close();
     writeWords(5);
     take(100);
+    writeWords(1); // into a queue that gave its grown ring back
+    take(100);
     EXPECT_EQ(got, expected);
 }
 
