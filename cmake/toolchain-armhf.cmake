@@ -47,8 +47,8 @@ set(CMAKE_FIND_ROOT_PATH_MODE_LIBRARY ONLY)
 set(CMAKE_FIND_ROOT_PATH_MODE_INCLUDE ONLY)
 set(CMAKE_FIND_ROOT_PATH_MODE_PACKAGE ONLY)
 
-# Libraries pulled in indirectly (libcurl, libaec behind HDF5) are resolved by the
-# linker from the sysroot, not from the host.
+# Libraries pulled in indirectly (those behind glibmm, or libcurl behind a shared HDF5) are
+# resolved by the linker from the sysroot, not from the host.
 foreach(_dir "${QUARVEL_SYSROOT}/lib/${_quarvel_triplet}" "${QUARVEL_SYSROOT}/usr/lib/${_quarvel_triplet}")
   string(APPEND CMAKE_EXE_LINKER_FLAGS_INIT " -Wl,-rpath-link,${_dir}")
   string(APPEND CMAKE_SHARED_LINKER_FLAGS_INIT " -Wl,-rpath-link,${_dir}")

@@ -120,12 +120,17 @@ deb="${debs[0]}"
 echo "$deb"
 dpkg-deb --field "$deb" Package Version Architecture Depends
 # An empty or partial Depends would install a program that cannot start on the board.
-for needed in libc6 libstdc++6 libhdf5-cpp libboost-program-options libglibmm-2.4; do
+for needed in libc6 libstdc++6 libboost-program-options libglibmm-2.4 libdeflate0 libsz2 zlib1g; do
   if ! dpkg-deb --field "$deb" Depends | grep -q "\b$needed"; then
     echo "$0: $deb does not depend on $needed" >&2
     status=1
   fi
 done
+# HDF5 is linked in, so that the board does not load libcurl and its chain at every start.
+if dpkg-deb --field "$deb" Depends | grep -q "\blibhdf5\|\blibcurl"; then
+  echo "$0: $deb depends on a shared HDF5" >&2
+  status=1
+fi
 if command -v lintian >/dev/null; then
   lintian "$deb" || status=1
 fi

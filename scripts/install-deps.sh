@@ -6,7 +6,7 @@ set -euo pipefail
 packages=(
   build-essential cmake pkg-config git
   dpkg-dev file
-  libhdf5-dev hdf5-tools zlib1g-dev libdeflate-dev
+  libhdf5-dev libaec-dev hdf5-tools zlib1g-dev libdeflate-dev
   libboost-program-options-dev
   libglibmm-2.4-dev
   libgtest-dev libgmock-dev

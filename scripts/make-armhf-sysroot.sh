@@ -31,6 +31,7 @@ packages=(
   libc6-dev
   libstdc++-12-dev
   zlib1g-dev
+  libaec-dev
   libdeflate-dev
   libhdf5-dev
   libboost-program-options-dev
@@ -133,7 +134,8 @@ done < <(find "$sysroot" -type l -lname '/*' -print0)
 for needed in \
   "lib/ld-linux-armhf.so.3" \
   "usr/include/hdf5/serial/H5Cpp.h" \
-  "usr/lib/$triplet/hdf5/serial/libhdf5_cpp.so" \
+  "usr/lib/$triplet/hdf5/serial/libhdf5_cpp.a" \
+  "usr/lib/$triplet/libsz.so" \
   "usr/lib/$triplet/libboost_program_options.so" \
   "usr/lib/$triplet/pkgconfig/glibmm-2.4.pc" \
   "usr/lib/$triplet/pkgconfig/libdeflate.pc" \
