@@ -1,5 +1,7 @@
 #include "decoders/QueueDecoder.h"
 
+#include "dataflow/WholeWords.h"
+
 #include <algorithm>
 #include <cstring>
 #include <stdexcept>
@@ -110,7 +112,7 @@ void QueueDecoder::append(const uint8_t* words, uint32_t len) {
 }
 
 uint32_t QueueDecoder::write(const uint8_t* buffer, uint32_t len) {
-    if (len % 4 != 0) {
+    if (!isWholeWords(len)) {
         pellumDoLog(Severity::Fatal, "buffer_count %% 4 != 0: not supported", {});
         throw std::runtime_error("buffer_count not a multiple of four, not supported");
     }

@@ -1,5 +1,7 @@
 #include "sources/MockRecorder.h"
 
+#include "dataflow/WholeWords.h"
+
 #include <algorithm>
 #include <cstring>
 #include <stdexcept>
@@ -7,12 +9,13 @@
 namespace quarvel {
 
 uint32_t MockRecorder::read(uint8_t* buffer, uint32_t bufferLen) {
-    if (bufferLen % 4 != 0) {
+    if (!isWholeWords(bufferLen)) {
         throw std::runtime_error("MockRecorder::read requires a bufferLen multiple of 4");
     }
-    const uint64_t produced = uint64_t{mNextValue} * 4;
+    const uint64_t produced = uint64_t{mNextValue} * kWordBytes;
     const uint64_t remaining = mBytesCount > produced ? mBytesCount - produced : 0;
-    const uint32_t words = static_cast<uint32_t>(std::min<uint64_t>(bufferLen, remaining) / 4);
+    const uint32_t words =
+        static_cast<uint32_t>(std::min<uint64_t>(bufferLen, remaining) / kWordBytes);
 
     // Hot path of the mock recording: a plain loop with a fixed-size memcpy, which the
     // compiler turns into (vectorised) stores; buffer needs no particular alignment.
@@ -24,13 +27,13 @@ uint32_t MockRecorder::read(uint8_t* buffer, uint32_t bufferLen) {
         ++value;
     }
     mNextValue = value;
-    return words * 4;
+    return words * kWordBytes;
 }
 
 void MockRecorder::configure(uint32_t /*srcAddr*/, uint32_t bytesCount, uint32_t /*dataRate*/) {
     // Stored before the check: a rejected count still sets the limit.
     mBytesCount = bytesCount;
-    if (bytesCount % 4 != 0) {
+    if (!isWholeWords(bytesCount)) {
         throw std::runtime_error("bytesCount must be a multiple of 4");
     }
 }

@@ -69,6 +69,13 @@ void Recorder::open(uint32_t /*totalSize*/) {
 }
 
 void Recorder::close() {
+    if (mPartialBytes > 0) {
+        // They cannot be a value; the file counts whole values only.
+        pellumDoLog(Severity::Warning,
+                    "%u bytes of an unfinished word from the recorder device were not stored", {},
+                    mPartialBytes);
+        mPartialBytes = 0;
+    }
     if (mFile != nullptr) {
         std::fclose(mFile);
         mFile = nullptr;
@@ -81,13 +88,29 @@ uint32_t Recorder::read(uint8_t* buffer, uint32_t bufferLen) {
         if (mFile == nullptr) {
             throw std::runtime_error("The recorder device is not open");
         }
-        const uint32_t n = readAvailable(buffer, bufferLen);
+        const uint32_t n = readWholeWords(buffer, bufferLen);
         pellumDoLog(Severity::Debug, "-read: %u", {}, n);
         return n;
     } catch (const std::exception& e) {
         pellumDoLog(Severity::Error, "-read: throws %s", {}, e.what());
         throw;
     }
+}
+
+// A device hands over pieces of any size (a pipe, a slow producer, a driver's partial read);
+// the unfinished word's bytes go in front of the next read's.
+uint32_t Recorder::readWholeWords(uint8_t* buffer, uint32_t bufferLen) {
+    const uint32_t room = wholeWordBytes(bufferLen);
+    if (room == 0) {
+        return 0;
+    }
+    std::memcpy(buffer, mPartialWord, mPartialBytes);
+    const uint32_t got =
+        mPartialBytes + readAvailable(buffer + mPartialBytes, room - mPartialBytes);
+    const uint32_t whole = wholeWordBytes(got);
+    mPartialBytes = got - whole;
+    std::memcpy(mPartialWord, buffer + whole, mPartialBytes);
+    return whole;
 }
 
 // One read(2) of what the device has now, never a wait: a device that stalls must not keep
@@ -164,6 +187,7 @@ void Recorder::start() {
     mFile = file;
     mEndOfFile = false;
     mNothingPending = false;
+    mPartialBytes = 0;
 }
 
 void Recorder::abort() {

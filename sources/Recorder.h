@@ -1,6 +1,7 @@
 #pragma once
 
 #include "dataflow/AbstractRecorder.h"
+#include "dataflow/WholeWords.h"
 #include "platform/Logger.h"
 
 #include <cstdint>
@@ -15,7 +16,8 @@ std::string recorderSysfsRoot(uint64_t rdev);
 
 // The FPGA recorder: programmed and queried through text attributes in its sysfs control
 // directory, read through its character device. A read takes what the device has and never
-// waits; waitForMaybeData waits at most 50 ms for more.
+// waits; waitForMaybeData waits at most 50 ms for more. A read returns whole words only: the
+// 1 to 3 bytes of a word the device has not finished wait for the next read, which completes it.
 // Not thread-safe: construction, configure and open on the chain-building thread, then read,
 // waitForMaybeData and close on the one mover thread.
 class Recorder : public AbstractRecorder, public virtual morvik::pellum::log::Logger {
@@ -60,15 +62,18 @@ private:
     static constexpr int kWaitMs = 50;
 
     uint32_t readAvailable(uint8_t* buffer, uint32_t bufferLen);
+    uint32_t readWholeWords(uint8_t* buffer, uint32_t bufferLen);
     uint64_t statDevice() const;
     std::string controlDirectoryOfDevice() const;
     void logSysfsRoot() const;
 
     std::string mDevicePath;
-    std::string mSysfsRoot;       // fixed at construction
-    FILE* mFile = nullptr;        // null while the device is not open
-    bool mEndOfFile = false;      // the last read found the end of the device
-    bool mNothingPending = false; // the last read found no data waiting
+    std::string mSysfsRoot;                // fixed at construction
+    FILE* mFile = nullptr;                 // null while the device is not open
+    bool mEndOfFile = false;               // the last read found the end of the device
+    bool mNothingPending = false;          // the last read found no data waiting
+    uint8_t mPartialWord[kWordBytes] = {}; // the start of a word the device has not finished
+    uint32_t mPartialBytes = 0;
 };
 
 } // namespace quarvel

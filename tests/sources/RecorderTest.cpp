@@ -29,6 +29,7 @@ using test::StderrCapture;
 using test::TempDir;
 using test::writeFile;
 using ::testing::EndsWith;
+using ::testing::HasSubstr;
 using ::testing::StrEq;
 using ::testing::ThrowsMessage;
 
@@ -87,21 +88,24 @@ TEST_F(RecorderTest, ConfigureWritesInOrderAndStopsAtTheFirstFailure) {
     }
 }
 
-// A read takes what a FIFO has, in pieces of any size, no more and without waiting, and hears a
-// writer that comes back after the end.
-TEST_F(RecorderTest, FifoIsReadWithoutReadingAheadOrWaiting) {
+// A read takes whole words of what a FIFO has, in pieces of any size, no more and without
+// waiting; an unfinished word waits for its last bytes, also across a writer that comes back.
+TEST_F(RecorderTest, FifoIsReadInWholeWordsWithoutReadingAheadOrWaiting) {
     const std::string fifo = dir.file("fifo");
     ASSERT_EQ(::mkfifo(fifo.c_str(), 0600), 0);
     // Read-write: the recorder's open does not block, and the test can see what is left.
     const int other = ::open(fifo.c_str(), O_RDWR | O_NONBLOCK);
-    ASSERT_EQ(::write(other, "12345678", 8), 8);
     Recorder recorder(fifo, control);
     recorder.start();
     std::vector<uint8_t> buffer(64);
-    ASSERT_EQ(recorder.read(buffer.data(), 4), 4u);
+    const auto text = [&](uint32_t n) { return std::string(buffer.begin(), buffer.begin() + n); };
+    ASSERT_EQ(::write(other, "12345", 5), 5);
+    EXPECT_EQ(text(recorder.read(buffer.data(), 64)), "1234");
+    EXPECT_EQ(recorder.read(buffer.data(), 64), 0u) << "one byte is no word";
+    ASSERT_EQ(::write(other, "678abcdefgh", 11), 11);
+    EXPECT_EQ(text(recorder.read(buffer.data(), 4)), "5678");
     char rest[16] = {};
-    EXPECT_EQ(::read(other, rest, sizeof rest), 4) << "the stream read ahead";
-    EXPECT_EQ(recorder.read(buffer.data(), 64), 0u) << "with nothing there";
+    EXPECT_EQ(::read(other, rest, sizeof rest), 8) << "the stream read ahead";
     EXPECT_FALSE(recorder.isEndOfData());
 
     std::string data(3001, '\0'); // below the pipe capacity: the writer never blocks
@@ -119,17 +123,21 @@ TEST_F(RecorderTest, FifoIsReadWithoutReadingAheadOrWaiting) {
     });
     std::string received;
     EXPECT_TRUE(test::eventually([&] {
-        received.append(reinterpret_cast<const char*>(buffer.data()),
-                        recorder.read(buffer.data(), 64));
+        const uint32_t n = recorder.read(buffer.data(), 64);
+        EXPECT_EQ(n % 4, 0u);
+        received += text(n);
         return recorder.isEndOfData();
     }));
     writer.join();
-    EXPECT_TRUE(received == data) << "received " << received.size() << " bytes";
+    EXPECT_TRUE(received == data.substr(0, 3000)) << "received " << received.size() << " bytes";
     const int back = ::open(fifo.c_str(), O_WRONLY | O_NONBLOCK);
     ASSERT_EQ(::write(back, "again", 5), 5);
-    EXPECT_EQ(recorder.read(buffer.data(), 64), 5u);
+    EXPECT_EQ(text(recorder.read(buffer.data(), 64)), data.substr(3000) + "aga");
     EXPECT_FALSE(recorder.isEndOfData());
     ::close(back);
+    StderrCapture capture(2);
+    recorder.close();
+    EXPECT_THAT(capture.text(), HasSubstr("WARNING [Recoder] 2 bytes of an unfinished word"));
 }
 
 } // namespace
