@@ -1,7 +1,6 @@
 #pragma once
 
 #include "app/CommandLineOptions.h"
-#include "dataflow/AbstractDataMover.h"
 #include "dataflow/DataSinkOrSource.h"
 #include "platform/MorvikApplication.h"
 
@@ -11,7 +10,7 @@
 
 namespace quarvel {
 
-class StopDeadline;
+class RunEnd;
 
 class QuarvelApp : public morvik::pellum::utils::MorvikApplication {
 public:
@@ -19,16 +18,11 @@ public:
     ~QuarvelApp() override;
 
     int handleArguments(const std::vector<std::string>& args) override;
+    // The transfer run; how it ends is RunEnd's to decide.
     morvik::pellum::utils::JobResult runJob() override;
 
-    std::vector<std::shared_ptr<AbstractDataMover>> createMovers(const Chain& chain);
-    void abortMovers(const std::vector<std::shared_ptr<AbstractDataMover>>& movers);
-    std::string collectErrors(const std::vector<std::shared_ptr<AbstractDataMover>>& movers);
-
 private:
-    struct Run;
-
-    int transfer(Run& run, StopDeadline& deadline);
+    void record(RunEnd& end);
 
     std::shared_ptr<CommandLineOptions> mOptions;
 };

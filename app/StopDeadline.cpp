@@ -10,8 +10,9 @@
 namespace quarvel {
 
 namespace {
-constexpr std::chrono::milliseconds kPollPeriod{50};
-}
+// How often the stop request is looked at.
+constexpr std::chrono::milliseconds kStopCheckPeriod{50};
+} // namespace
 
 StopDeadline::StopDeadline(std::function<bool()> stopRequested, int stopExitCode,
                            std::string stopFarewell, std::chrono::milliseconds limit,
@@ -59,8 +60,8 @@ void StopDeadline::watch() {
             fire();
         }
         const auto wait =
-            mArmed ? std::min<std::chrono::steady_clock::duration>(kPollPeriod, mEnd - now)
-                   : std::chrono::steady_clock::duration(kPollPeriod);
+            mArmed ? std::min<std::chrono::steady_clock::duration>(kStopCheckPeriod, mEnd - now)
+                   : std::chrono::steady_clock::duration(kStopCheckPeriod);
         mChanged.wait_for(lock, wait);
     }
 }

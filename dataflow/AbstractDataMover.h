@@ -21,6 +21,9 @@ public:
     virtual void start(uint32_t dataSizeInBytes) = 0;
     virtual std::string errorText() = 0;
     virtual void abort() = 0;
+    // Asks the thread to end, without waiting for it: at once, or once its source has nothing
+    // more for now (dry). Either way, what it has read still reaches its sink.
+    virtual void requestStop(bool whenDry) = 0;
     virtual std::shared_ptr<AbstractDataSink> sink() = 0;
     virtual std::shared_ptr<AbstractDataSource> source() = 0;
     virtual bool hasDecoderSink() = 0;

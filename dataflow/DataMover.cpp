@@ -1,5 +1,7 @@
 #include "dataflow/DataMover.h"
 
+#include "dataflow/WholeWords.h"
+
 #include <algorithm>
 #include <chrono>
 #include <cmath>
@@ -88,14 +90,14 @@ void DataMover::start(uint32_t dataSizeInBytes) {
     if (mThread) {
         throw std::runtime_error("DataMover is already running");
     }
-    if (dataSizeInBytes % 4 != 0) {
+    if (!isWholeWords(dataSizeInBytes)) {
         throw std::runtime_error("Size must be a multiple of 4 bytes");
     }
     mSink->open(dataSizeInBytes);
     mSource->open(dataSizeInBytes);
     mBytesToTransfer.store(dataSizeInBytes);
     mBytesTransferred.store(0);
-    mStopRequested.store(false);
+    mStop.store(kRunOn);
     mFailed.store(false);
     mFinished.store(false);
     mThread = std::make_unique<std::thread>(&DataMover::thread, this);
@@ -105,7 +107,7 @@ void DataMover::abort() {
     pellumDoLog(Severity::Warning, "abort data mover %s", {}, mName.c_str());
     if (mThread) {
         pellumDoLog(Severity::Info, "Killing data mover %s thread", {}, mName.c_str());
-        mStopRequested.store(true);
+        mStop.store(kStopNow);
         if (mThread->joinable()) {
             mThread->join();
         }
@@ -115,6 +117,15 @@ void DataMover::abort() {
     mErrorText = "transfer aborted";
     mFailed.store(true);
     mFinished.store(true);
+}
+
+void DataMover::requestStop(bool whenDry) {
+    if (!whenDry) {
+        mStop.store(kStopNow);
+        return;
+    }
+    int running = kRunOn; // a stop at once is never softened into one when dry
+    mStop.compare_exchange_strong(running, kStopWhenDry);
 }
 
 void DataMover::printProgress(std::ostream& out) const {
@@ -192,7 +203,7 @@ void DataMover::recordFailure(const std::string& text) {
     announceMoverEnding();
 }
 
-void DataMover::transfer() {
+void DataMover::moveBytes() {
     const uint32_t toTransfer = mBytesToTransfer.load();
     pellumDoLog(Severity::Info, "+thread(mBytesToTransfer = %u)", {}, toTransfer);
     const uint32_t bufferSize = computeBufferSize();
@@ -202,51 +213,51 @@ void DataMover::transfer() {
     const auto transferStart = std::chrono::system_clock::now();
     pellumDoLog(Severity::Info, "~thread: entering transfer loop", {});
 
-    auto periodStart = transferStart;
-    // Bytes of the current read written so far; zeroed at each read, so a rate counts only the
-    // last read's bytes, over the time since periodStart.
-    uint32_t period = 0;
+    // The rate is taken over spans of at least a millisecond: bytes moved since spanStart.
+    auto spanStart = transferStart;
+    uint32_t spanBytes = 0;
     uint32_t transferred = 0;
-    while (!mStopRequested.load()) {
-        if (transferred >= toTransfer) {
-            break;
-        }
-        if (period == 0) {
-            periodStart = std::chrono::system_clock::now();
-        }
+    while (mStop.load() != kStopNow && transferred < toTransfer) {
         const uint32_t request = std::min(bufferSize, toTransfer - transferred);
         pellumDoLog(Severity::Debug, "~thread: about to read, requesting %u bytes", {}, request);
         const uint32_t got = mSource->read(buffer.data(), request);
         pellumDoLog(Severity::Info, "~thread: readThisTime = %u", {}, got);
         if (got == 0) {
+            if (mStop.load() != kRunOn) {
+                break; // dry
+            }
             mSource->waitForMaybeData();
-            continue; // the loop condition sees a stop request
+            continue;
         }
-        period = 0;
-        if (!mStopRequested.load()) {
-            do {
-                pellumDoLog(Severity::Debug, "~thread: about to write", {});
-                const uint32_t written = mSink->write(buffer.data() + period, got - period);
-                pellumDoLog(Severity::Info, "~thread: wrote %u", {}, written);
-                if (written == 0) {
-                    recordFailure("wrote nothing");
-                    break;
-                }
-                period += written;
-            } while (!mStopRequested.load() && period < got);
+        if (!isWholeWords(got) || got > request) {
+            throw std::runtime_error("the source handed over " + std::to_string(got) +
+                                     " bytes for " + std::to_string(request) +
+                                     ", not whole words within the request");
+        }
+        // What was read is written even when a stop came meanwhile: it left the source for good.
+        for (uint32_t written = 0; written < got;) {
+            pellumDoLog(Severity::Debug, "~thread: about to write", {});
+            const uint32_t taken = mSink->write(buffer.data() + written, got - written);
+            pellumDoLog(Severity::Info, "~thread: wrote %u", {}, taken);
+            if (taken == 0) {
+                recordFailure("wrote nothing");
+                break;
+            }
+            written += taken;
         }
         if (mFailed.load()) {
             break;
         }
-        transferred += period;
+        transferred += got;
         mBytesTransferred.store(transferred);
-        const int64_t elapsed = wholeMillisecondsSince(periodStart);
-        if (elapsed == 0) {
-            continue; // the period goes on until a millisecond has passed
+        spanBytes += got;
+        const int64_t elapsed = wholeMillisecondsSince(spanStart);
+        if (elapsed > 0) {
+            mTransferRate.store(
+                toRate(static_cast<float>(spanBytes) / static_cast<float>(elapsed) * 1000.0f));
+            spanStart = std::chrono::system_clock::now();
+            spanBytes = 0;
         }
-        mTransferRate.store(
-            toRate(static_cast<float>(period) / static_cast<float>(elapsed) * 1000.0f));
-        period = 0;
     }
 
     // A transfer shorter than a millisecond is rated as if it took one.
@@ -277,7 +288,7 @@ void DataMover::closeSide(bool sourceSide) {
 
 void DataMover::thread() {
     try {
-        transfer();
+        moveBytes();
     } catch (const std::exception& e) {
         pellumDoLog(Severity::Error, "DataMover (name = %s) thread fails with exception %s", {},
                     mName.c_str(), e.what());

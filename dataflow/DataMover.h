@@ -43,6 +43,7 @@ public:
     void start(uint32_t dataSizeInBytes) override;
     std::string errorText() override;
     void abort() override;
+    void requestStop(bool whenDry) override;
     std::shared_ptr<AbstractDataSink> sink() override { return mSink; }
     std::shared_ptr<AbstractDataSource> source() override { return mSource; }
     bool hasDecoderSink() override { return static_cast<bool>(mDecoderSink); }
@@ -54,8 +55,10 @@ public:
     uint32_t computeBufferSize();
 
 private:
+    enum Stop : int { kRunOn, kStopWhenDry, kStopNow };
+
     void thread();
-    void transfer();
+    void moveBytes();
     void closeSide(bool sourceSide);
     void recordFailure(const std::string& text);
 
@@ -68,7 +71,7 @@ private:
     std::string mErrorText;
     std::atomic<bool> mFailed{false};
     std::atomic<bool> mFinished{false};
-    std::atomic<bool> mStopRequested{false};
+    std::atomic<int> mStop{kRunOn};
     std::string mName;
     std::shared_ptr<AbstractDecoder> mDecoderSink;
 };
