@@ -1,0 +1,235 @@
+#pragma once
+
+// Runs the built program as a user would, and reads what it leaves with HDF5's C API, which
+// shares nothing with the program's writer.
+
+#include "tests/support/TestSupport.h"
+
+#include <hdf5.h>
+
+#include <algorithm>
+#include <chrono>
+#include <csignal>
+#include <cstdint>
+#include <filesystem>
+#include <functional>
+#include <map>
+#include <regex>
+#include <sstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+
+namespace quarvel::test {
+
+// Cross builds run the program through the emulator that runs the tests.
+constexpr bool kEmulated = sizeof(QUARVEL_LAUNCHER) > 1;
+// Sanitized and emulated programs record and stop more slowly.
+constexpr bool kSlow = kEmulated || sizeof(QUARVEL_SANITIZE) > 1;
+
+struct Launch {
+    std::vector<std::string> args;
+    rlim_t fileSizeLimit = RLIM_INFINITY;
+    bool closedStdout = false; // standard output is a pipe nobody reads
+};
+
+struct Finished {
+    int exitCode = -1; // -1 when a signal ended the process
+    std::string out, err;
+};
+
+// The program, started at construction; killed if the test leaves it running.
+class Program {
+public:
+    explicit Program(const Launch& launch) {
+        std::vector<std::string> argv;
+        std::istringstream launcher(QUARVEL_LAUNCHER);
+        for (std::string word; launcher >> word;) {
+            argv.push_back(word);
+        }
+        argv.push_back(QUARVEL_BINARY);
+        argv.insert(argv.end(), launch.args.begin(), launch.args.end());
+        std::vector<char*> pointers;
+        for (auto& arg : argv) {
+            pointers.push_back(arg.data());
+        }
+        pointers.push_back(nullptr);
+        const std::string out = mStreams.file("out"), err = mStreams.file("err");
+        mPid = fork();
+        if (mPid == 0) {
+            int outFd = ::open(out.c_str(), O_CREAT | O_WRONLY, 0600);
+            const int errFd = ::open(err.c_str(), O_CREAT | O_WRONLY, 0600);
+            const rlimit limit{launch.fileSizeLimit, launch.fileSizeLimit};
+            sigset_t none; // the test runner may have blocked signals
+            sigemptyset(&none);
+            int ends[2] = {-1, -1};
+            if (launch.closedStdout && pipe(ends) == 0) {
+                ::close(outFd);
+                ::close(ends[0]);
+                outFd = ends[1];
+            }
+            if (dup2(outFd, 1) >= 0 && dup2(errFd, 2) >= 0 &&
+                (launch.fileSizeLimit == RLIM_INFINITY || setrlimit(RLIMIT_FSIZE, &limit) == 0) &&
+                sigprocmask(SIG_SETMASK, &none, nullptr) == 0) {
+                execv(pointers[0], pointers.data());
+            }
+            _exit(127);
+        }
+    }
+    ~Program() {
+        if (mPid > 0 && !mDone) {
+            kill(mPid, SIGKILL);
+            waitpid(mPid, nullptr, 0);
+        }
+    }
+    Program(const Program&) = delete;
+    Program& operator=(const Program&) = delete;
+
+    pid_t pid() const { return mPid; }
+    bool running() {
+        if (!mDone && waitpid(mPid, &mStatus, WNOHANG) == mPid) {
+            mDone = true;
+        }
+        return !mDone;
+    }
+    // A hang fails the test, not the whole suite.
+    Finished wait(std::chrono::seconds limit = std::chrono::seconds(300)) {
+        const auto deadline = std::chrono::steady_clock::now() + limit;
+        while (running()) {
+            if (std::chrono::steady_clock::now() > deadline) {
+                kill(mPid, SIGKILL);
+            }
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        }
+        return {WIFEXITED(mStatus) ? WEXITSTATUS(mStatus) : -1, readFile(mStreams.file("out")),
+                readFile(mStreams.file("err"))};
+    }
+
+private:
+    TempDir mStreams;
+    pid_t mPid = -1;
+    int mStatus = 0;
+    bool mDone = false;
+};
+
+inline Finished runQuarvel(const Launch& launch) {
+    return Program(launch).wait();
+}
+
+// Standard error without the log lines, which begin with a time stamp.
+inline std::string withoutLogLines(const std::string& text) {
+    return std::regex_replace(text, std::regex(R"(\d{4}-\d\d-\d\dT\S*Z [^\n]*\n)"), "");
+}
+
+// Empty where this process has a mount namespace of its own in which the device number 0:0 of
+// the test's files has an empty control directory; otherwise why not.
+inline std::string privateControlDirectory() {
+    const std::string why = kEmulated ? "no mount namespace under the emulator" : privateSysfs();
+    if (why.empty()) {
+        std::filesystem::remove_all("/sys/dev/char/0:0"); // on our own tmpfs
+        std::filesystem::create_directories("/sys/dev/char/0:0/device/control");
+    }
+    return why;
+}
+
+// What a recording holds, as any HDF5 reader sees it.
+struct Recording {
+    bool opened = false;
+    std::map<std::string, std::string> attributes; // numbers in decimal
+    uint64_t length = 0;                           // the dataset's dimension
+    std::vector<int32_t> values;                   // from index 0, as many as asked for
+
+    uint64_t recorded() const { return std::stoull(attributes.at("recorded_values")); }
+};
+
+// Collects one attribute of the dataset as text: a string, or a number in decimal.
+inline herr_t readAttribute(hid_t dataset, const char* name, const H5A_info_t*, void* found) {
+    const hid_t id = H5Aopen(dataset, name, H5P_DEFAULT);
+    const hid_t type = H5Aget_type(id);
+    std::string value;
+    if (H5Tget_class(type) == H5T_STRING) {
+        value.assign(H5Tget_size(type), '\0');
+        H5Aread(id, type, value.data());
+        value.resize(std::min(value.size(), value.find('\0')));
+    } else {
+        unsigned long long number = 0;
+        H5Aread(id, H5T_NATIVE_ULLONG, &number);
+        value = std::to_string(number);
+    }
+    H5Tclose(type);
+    H5Aclose(id);
+    (*static_cast<std::map<std::string, std::string>*>(found))[name] = value;
+    return 0;
+}
+
+constexpr uint64_t kRecordedValues = ~uint64_t{0};
+
+// Reads maxValues values at most, by default the recorded ones.
+inline Recording readRecording(const std::string& path, uint64_t maxValues = kRecordedValues) {
+    Recording recording;
+    H5Eset_auto2(H5E_DEFAULT, nullptr, nullptr);
+    const hid_t file = H5Fopen(path.c_str(), H5F_ACC_RDONLY, H5P_DEFAULT);
+    const hid_t dataset = file < 0 ? -1 : H5Dopen2(file, "quarvel", H5P_DEFAULT);
+    if (dataset < 0) {
+        H5Fclose(file);
+        return recording;
+    }
+    H5Aiterate2(dataset, H5_INDEX_NAME, H5_ITER_NATIVE, nullptr, readAttribute,
+                &recording.attributes);
+    const hid_t space = H5Dget_space(dataset);
+    hsize_t length = 0;
+    H5Sget_simple_extent_dims(space, &length, nullptr);
+    recording.length = length;
+    if (maxValues == kRecordedValues && recording.attributes.count("recorded_values") > 0) {
+        maxValues = recording.recorded();
+    }
+    hsize_t count = std::min<hsize_t>(length, maxValues);
+    const hsize_t start = 0;
+    recording.values.resize(static_cast<size_t>(count));
+    recording.opened = true;
+    if (count > 0) {
+        H5Sselect_hyperslab(space, H5S_SELECT_SET, &start, nullptr, &count, nullptr);
+        const hid_t memory = H5Screate_simple(1, &count, nullptr);
+        recording.opened = H5Dread(dataset, H5T_NATIVE_INT32, memory, space, H5P_DEFAULT,
+                                   recording.values.data()) >= 0;
+        H5Sclose(memory);
+    }
+    H5Sclose(space);
+    H5Dclose(dataset);
+    H5Fclose(file);
+    return recording;
+}
+
+// What a scheme stores of the recorder's bytes, decoded here independently of the program.
+inline std::vector<int32_t> decoded(const std::string& conf, const std::string& bytes) {
+    std::vector<int32_t> values;
+    const auto byte = [&](size_t i) { return static_cast<uint8_t>(bytes[i]); };
+    for (size_t i = 0; i + 4 <= bytes.size(); i += 4) {
+        if (conf == "int32") {
+            values.push_back(static_cast<int32_t>(uint32_t{byte(i)} | uint32_t{byte(i + 1)} << 8 |
+                                                  uint32_t{byte(i + 2)} << 16 |
+                                                  uint32_t{byte(i + 3)} << 24));
+        } else if (conf == "tavoadc") {
+            values.push_back(static_cast<int16_t>(byte(i) << 8 | byte(i + 1)) >> 2);
+        } else { // lumetra
+            values.push_back(static_cast<int16_t>(byte(i) | byte(i + 1) << 8));
+            values.push_back(static_cast<int16_t>(byte(i + 2) | byte(i + 3) << 8));
+        }
+    }
+    return values;
+}
+
+// What the mock scheme stores: the Tavo decoding of the counter words 0, 1, 2, ...
+inline std::vector<int32_t> mockValues(size_t count) {
+    std::vector<int32_t> values;
+    for (size_t k = 0; k < count; ++k) {
+        values.push_back(static_cast<int16_t>((k & 0xFF) << 8 | (k >> 8 & 0xFF)) >> 2);
+    }
+    return values;
+}
+
+} // namespace quarvel::test
