@@ -38,7 +38,7 @@ bool waitForFinish(AbstractDataMover& mover, std::chrono::steady_clock::time_poi
 RunEnd::RunEnd(std::function<bool()> stopRequested)
     : mStopRequested(std::move(stopRequested)),
       mDeadline(mStopRequested, 1, kStopText, kStopLimit,
-                [] { SinkHDF5::discardEmptyRecordings(); }) {}
+                [] { RecordingFile::discardEmptyRecordings(); }) {}
 
 void RunEnd::optionsUnusable() {
     mWay = Way::OptionsUnusable;

@@ -226,6 +226,7 @@ void DataMover::moveBytes() {
             if (mStop.load() != kRunOn) {
                 break; // dry
             }
+            mSink->idle();
             mSource->waitForMaybeData();
             continue;
         }

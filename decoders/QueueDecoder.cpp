@@ -53,10 +53,8 @@ void QueueDecoder::waitForRoom(std::unique_lock<std::mutex>& lock, size_t sample
     if (roomFor(samples, mCapacity)) {
         return;
     }
-    // A writer held by a full queue waits until the reader has taken half of it, not just room
-    // for its call: waking it for every read would cost two context switches per read.
     mWriterWaiting = true;
-    while (!roomFor(samples, mCapacity / 2)) {
+    while (!roomFor(samples, writerResumeLevel())) {
         if (mOpenCount.load() >= 2) {
             mRoomMade.wait(lock);
         } else if (mRoomMade.wait_for(lock, kLoneWriterWait) == std::cv_status::timeout &&
@@ -157,7 +155,7 @@ uint32_t QueueDecoder::read(uint8_t* buffer, uint32_t bufferLen) {
             mBufferSize = 0;
         }
         left = mSize;
-        wakeWriter = mWriterWaiting && count > 0 && left <= mCapacity / 2;
+        wakeWriter = mWriterWaiting && count > 0 && left <= writerResumeLevel();
     }
     if (wakeWriter) {
         mRoomMade.notify_all();

@@ -60,6 +60,9 @@ protected:
 private:
     static constexpr size_t kMaxSamplesPerWord = 8;
 
+    // A writer held by a full queue waits until the reader has taken half of it, not just room
+    // for its call: waking it for every read would cost two context switches per read.
+    size_t writerResumeLevel() const { return mCapacity / 2; }
     bool roomFor(size_t samples, size_t highWater) const;
     void waitForRoom(std::unique_lock<std::mutex>& lock, size_t samples);
     void makeRoom(size_t samples);

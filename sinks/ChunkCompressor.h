@@ -31,7 +31,10 @@ public:
 
     static constexpr size_t kChunksPerSlot = 8;
 
-    ChunkCompressor(size_t chunkBytes, unsigned workers, int level = 6);
+    // The file's deflate level: the dataset's filter says so to every reader.
+    static constexpr int kDeflateLevel = 6;
+
+    ChunkCompressor(size_t chunkBytes, unsigned workers, int level = kDeflateLevel);
     ~ChunkCompressor();
 
     ChunkCompressor(const ChunkCompressor&) = delete;

@@ -1,0 +1,64 @@
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <memory>
+#include <string>
+
+namespace H5 {
+class DataSet;
+class Attribute;
+} // namespace H5
+
+namespace quarvel {
+
+// What a recording's attributes say about where it came from.
+struct RecordingDescription {
+    std::string scheme;
+    std::string device;
+    uint32_t srcAddr = 0;
+    uint32_t dataBytes = 0;
+    uint8_t dataRate = 0;
+};
+
+// How a recording ended, as its "state" attribute says.
+enum class RecordingState { Recording, Complete, Stopped, Failed };
+
+// The recording's self-description: the dataset's attributes, which say where the data came
+// from, how far it goes ("recorded_values") and how the recording ended ("state", "failure"),
+// and when the next checkpoint is due. Only the file's writer calls it.
+class RecordingAttributes {
+public:
+    static constexpr std::chrono::milliseconds kCheckpointPeriod{1000};
+    // Also after this many chunks: between checkpoints HDF5 must not have to write chunk-index
+    // nodes out of its small metadata cache, or a killed process could leave an index that
+    // points past the end the file admits to.
+    static constexpr uint64_t kCheckpointChunks = 2048;
+
+    RecordingAttributes();
+    ~RecordingAttributes();
+    RecordingAttributes(const RecordingAttributes&) = delete;
+    RecordingAttributes& operator=(const RecordingAttributes&) = delete;
+
+    // Every attribute, "state" "recording" and no value recorded.
+    void create(H5::DataSet& dataSet, const RecordingDescription& description);
+    bool checkpointDue(uint64_t chunksWritten) const;
+    // Before the file is flushed: it will hold values from index 0 on.
+    void checkpoint(uint64_t values, uint64_t chunksWritten);
+    // The last words; fixed-size values written in place, so that a full disk takes them.
+    void finish(RecordingState state, uint64_t values, const std::string& failure);
+    // Closes the attributes; all are tried, and the first failure is thrown.
+    void close();
+    // Lets go of the attributes without closing them first.
+    void release();
+
+private:
+    H5::DataSet* mDataSet = nullptr;
+    std::unique_ptr<H5::Attribute> mRecordedValues;
+    std::unique_ptr<H5::Attribute> mState;
+    std::unique_ptr<H5::Attribute> mEndTime;
+    std::chrono::steady_clock::time_point mNextCheckpoint{};
+    uint64_t mCheckpointChunks = 0; // chunks written at the last checkpoint
+};
+
+} // namespace quarvel
