@@ -91,6 +91,31 @@ bool RecordingAttributes::checkpointDue(uint64_t chunksWritten) const {
            chunksWritten - mCheckpointChunks >= kCheckpointChunks;
 }
 
+void RecordingAttributes::runEnding(RunOutcome outcome, const std::string& reason) {
+    std::lock_guard<std::mutex> lock(mOutcomeMutex);
+    if (!mOutcomeTold) {
+        mOutcomeTold = true;
+        mOutcome = outcome;
+        mOutcomeReason = reason;
+    }
+}
+
+RecordingState RecordingAttributes::stateAtEnd(bool writeFailed, bool complete,
+                                               std::string& failure) {
+    if (writeFailed) {
+        return RecordingState::Failed;
+    }
+    if (complete) {
+        return RecordingState::Complete;
+    }
+    std::lock_guard<std::mutex> lock(mOutcomeMutex);
+    if (mOutcomeTold && mOutcome == RunOutcome::Failed) {
+        failure = mOutcomeReason;
+        return RecordingState::Failed;
+    }
+    return RecordingState::Stopped;
+}
+
 void RecordingAttributes::checkpoint(uint64_t values, uint64_t chunksWritten) {
     mRecordedValues->write(H5::PredType::NATIVE_UINT64, &values);
     writeString(*mEndTime, utcTimestamp(3));

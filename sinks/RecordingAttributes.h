@@ -1,8 +1,11 @@
 #pragma once
 
+#include "dataflow/RunOutcome.h"
+
 #include <chrono>
 #include <cstdint>
 #include <memory>
+#include <mutex>
 #include <string>
 
 namespace H5 {
@@ -43,6 +46,11 @@ public:
     // Every attribute, "state" "recording" and no value recorded.
     void create(H5::DataSet& dataSet, const RecordingDescription& description);
     bool checkpointDue(uint64_t chunksWritten) const;
+    // How the run ends, from the job's thread, at any time; the first word counts.
+    void runEnding(RunOutcome outcome, const std::string& reason);
+    // The state the file ends in: failed by its own write (failure holds why), complete, or as
+    // the run said; failure then holds the run's reason.
+    RecordingState stateAtEnd(bool writeFailed, bool complete, std::string& failure);
     // Before the file is flushed: it will hold values from index 0 on.
     void checkpoint(uint64_t values, uint64_t chunksWritten);
     // The last words; fixed-size values written in place, so that a full disk takes them.
@@ -59,6 +67,10 @@ private:
     std::unique_ptr<H5::Attribute> mEndTime;
     std::chrono::steady_clock::time_point mNextCheckpoint{};
     uint64_t mCheckpointChunks = 0; // chunks written at the last checkpoint
+    std::mutex mOutcomeMutex;
+    bool mOutcomeTold = false;
+    RunOutcome mOutcome = RunOutcome::Stopped;
+    std::string mOutcomeReason;
 };
 
 } // namespace quarvel

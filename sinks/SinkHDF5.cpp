@@ -2,6 +2,7 @@
 
 #include "dataflow/WholeWords.h"
 #include "sinks/ChunkCompressor.h"
+#include "sinks/Hdf5Support.h"
 #include "sinks/WriteBehindDriver.h"
 
 #include <H5Cpp.h>
@@ -11,7 +12,6 @@
 #include <cerrno>
 #include <cstring>
 #include <exception>
-#include <functional>
 #include <stdexcept>
 #include <vector>
 
@@ -21,63 +21,6 @@ using morvik::pellum::log::Severity;
 
 namespace {
 
-// Our log line carries HDF5's detail; its own error-stack dump would only flood the terminal.
-// Debian builds the HDF5 C library thread-safe, which keeps that setting per thread, and the
-// sink is called from two threads: each call turns it off for its thread while it lasts, and
-// puts back what the thread had, so that the rest of the process still sees HDF5's errors.
-class QuietHdf5Errors {
-public:
-    QuietHdf5Errors() noexcept {
-        mSaved = H5Eget_auto2(H5E_DEFAULT, &mPrint, &mData) >= 0;
-        if (mSaved) {
-            H5Eset_auto2(H5E_DEFAULT, nullptr, nullptr);
-        }
-    }
-    ~QuietHdf5Errors() {
-        if (mSaved) {
-            H5Eset_auto2(H5E_DEFAULT, mPrint, mData);
-        }
-    }
-    QuietHdf5Errors(const QuietHdf5Errors&) = delete;
-    QuietHdf5Errors& operator=(const QuietHdf5Errors&) = delete;
-
-private:
-    H5E_auto2_t mPrint = nullptr;
-    void* mData = nullptr;
-    bool mSaved = false;
-};
-
-const char* detailOf(const H5::Exception& error) {
-    const char* detail = error.getCDetailMsg();
-    return detail != nullptr ? detail : "";
-}
-
-bool getMetadataCacheConfig(hid_t file, H5AC_cache_config_t& config) {
-    config.version = H5AC__CURR_CACHE_CONFIG_VERSION;
-    return H5Fget_mdc_config(file, &config) >= 0;
-}
-
-// A fixed-size cache: HDF5's default one grows with the file (see the header).
-bool limitMetadataCache(hid_t file, size_t bytes) {
-    H5AC_cache_config_t config;
-    if (!getMetadataCacheConfig(file, config)) {
-        return false;
-    }
-    config.set_initial_size = true;
-    config.initial_size = bytes;
-    config.min_size = bytes;
-    config.max_size = bytes;
-    config.incr_mode = H5C_incr__off;
-    config.flash_incr_mode = H5C_flash_incr__off;
-    config.decr_mode = H5C_decr__off;
-    return H5Fset_mdc_config(file, &config) >= 0;
-}
-
-// The system's reason when HDF5 failed in a system call, else what HDF5 says.
-std::string reasonOf(const H5::Exception& error, int systemError) {
-    return systemError != 0 ? std::strerror(systemError) : detailOf(error);
-}
-
 [[noreturn]] void refuseWrite(int error) {
     errno = error;
     throw H5::DataSetIException("SinkHDF5::write", std::strerror(error));
@@ -85,29 +28,13 @@ std::string reasonOf(const H5::Exception& error, int systemError) {
 
 } // namespace
 
-// HDF5 1.10 frees a file whose close failed while flushing but keeps its identifier, so any
-// later close (the wrapper's destructor) touches freed memory. Such a wrapper is parked, still
-// reachable, for the rest of the process instead of being destroyed.
-namespace {
-std::atomic<bool> gFileAbandoned{false};
-}
-
-void SinkHDF5::abandonFailedFile() {
-    static auto* parked = new std::vector<std::unique_ptr<H5::H5File>>();
-    if (mFile) {
-        parked->push_back(std::move(mFile));
-        gFileAbandoned.store(true);
-    }
+bool SinkHDF5::hasAbandonedFiles() {
+    return hasAbandonedHdf5Files();
 }
 
 size_t SinkHDF5::metadataCacheLimit() const {
     const QuietHdf5Errors quiet;
-    H5AC_cache_config_t config;
-    return mOpen && getMetadataCacheConfig(mFile->getId(), config) ? config.max_size : 0;
-}
-
-bool SinkHDF5::hasAbandonedFiles() {
-    return gFileAbandoned.load();
+    return mOpen ? quarvel::metadataCacheLimit(mFile->getId()) : 0;
 }
 
 SinkHDF5::SinkHDF5(const std::string& fileName, size_t metadataCacheBytes, unsigned workers)
@@ -133,12 +60,7 @@ void SinkHDF5::describe(const RecordingDescription& description) {
 }
 
 void SinkHDF5::runEnding(RunOutcome outcome, const std::string& reason) {
-    std::lock_guard<std::mutex> lock(mOutcomeMutex);
-    if (!mOutcomeTold) {
-        mOutcomeTold = true;
-        mOutcome = outcome;
-        mOutcomeReason = reason;
-    }
+    mAttributes.runEnding(outcome, reason);
 }
 
 uint32_t SinkHDF5::optimalWriteSize() {
@@ -380,22 +302,6 @@ uint64_t SinkHDF5::storedValues() const {
     return std::min<uint64_t>(inChunks, mWriteOffset);
 }
 
-RecordingState SinkHDF5::finalState(std::string& failure) {
-    if (mWriteFailed) {
-        failure = mWriteFailure;
-        return RecordingState::Failed;
-    }
-    if (uint64_t{mWriteOffset} * mElementSize >= mTotalSize) {
-        return RecordingState::Complete;
-    }
-    std::lock_guard<std::mutex> lock(mOutcomeMutex);
-    if (mOutcomeTold && mOutcome == RunOutcome::Failed) {
-        failure = mOutcomeReason;
-        return RecordingState::Failed;
-    }
-    return RecordingState::Stopped;
-}
-
 // After a failed write, only a successful flush proves that the values since the last
 // checkpoint reached the disk; otherwise the file claims no more than that checkpoint.
 void SinkHDF5::finishAttributes(RecordingState state, const std::string& failure) {
@@ -431,8 +337,9 @@ void SinkHDF5::close() {
                 failure = std::current_exception();
             }
         }
-        std::string why;
-        state = finalState(why);
+        std::string why = mWriteFailure;
+        state = mAttributes.stateAtEnd(mWriteFailed,
+                                       uint64_t{mWriteOffset} * mElementSize >= mTotalSize, why);
         try {
             finishAttributes(state, why);
         } catch (const H5::Exception& error) {
@@ -455,10 +362,12 @@ void SinkHDF5::close() {
 // Closing the dataset and the file writes out the last chunks; when that fails (disk full)
 // the rest is still closed and the first failure is passed on to the mover.
 void SinkHDF5::closeHdf5Objects(std::exception_ptr& failure) {
-    const auto closeOne = [&failure, this](const std::function<void()>& close) {
+    const auto closeOne = [&failure, this](const auto& object) {
         try {
             errno = 0;
-            close();
+            if (object) {
+                object->close();
+            }
             return true;
         } catch (const H5::Exception& error) {
             const std::string reason = reasonOf(error, errno);
@@ -466,29 +375,15 @@ void SinkHDF5::closeHdf5Objects(std::exception_ptr& failure) {
                         detailOf(error));
             pellumDoLog(Severity::Error, "closing %s failed: %s", {}, mRecordingFile.name().c_str(),
                         reason.c_str());
-            if (!failure) {
-                failure = std::current_exception();
-            }
+            failure = failure ? failure : std::current_exception();
             return false;
         }
     };
-    closeOne([this] { mAttributes.close(); });
-    closeOne([this] {
-        if (mDataSet) {
-            mDataSet->close();
-        }
-    });
-    closeOne([this] {
-        if (mDataSpace) {
-            mDataSpace->close();
-        }
-    });
-    if (!closeOne([this] {
-            if (mFile) {
-                mFile->close();
-            }
-        })) {
-        abandonFailedFile();
+    closeOne(&mAttributes);
+    closeOne(mDataSet);
+    closeOne(mDataSpace);
+    if (!closeOne(mFile)) {
+        abandonFailedFile(std::move(mFile));
     }
 }
 

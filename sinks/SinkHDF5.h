@@ -10,7 +10,6 @@
 #include <cstdint>
 #include <exception>
 #include <memory>
-#include <mutex>
 #include <string>
 
 namespace H5 {
@@ -87,7 +86,6 @@ public:
     static void discardEmptyRecordings() noexcept { RecordingFile::discardEmptyRecordings(); }
 
 private:
-    void abandonFailedFile();
     void dropHdf5Objects();
     void createFileAndDataSet();
     void checkpoint();
@@ -97,7 +95,6 @@ private:
     void finishChunks();
     uint64_t storedValues() const;
     void noteWriteFailure(const H5::Exception& error, int systemError);
-    RecordingState finalState(std::string& failure);
     void finishAttributes(RecordingState state, const std::string& failure);
     void closeHdf5Objects(std::exception_ptr& failure);
 
@@ -121,11 +118,6 @@ private:
     uint64_t mCheckpointValues = 0; // values known to be on disk
     bool mWriteFailed = false;
     std::string mWriteFailure; // why our own write failed
-
-    std::mutex mOutcomeMutex; // runEnding comes from the job's thread
-    bool mOutcomeTold = false;
-    RunOutcome mOutcome = RunOutcome::Stopped;
-    std::string mOutcomeReason;
 };
 
 } // namespace quarvel
