@@ -61,7 +61,8 @@ std::unique_ptr<H5::Attribute> createNumber(H5::DataSet& dataSet, const char* na
 
 } // namespace
 
-RecordingAttributes::RecordingAttributes() = default;
+RecordingAttributes::RecordingAttributes(std::chrono::milliseconds checkpointPeriod)
+    : mCheckpointPeriod(checkpointPeriod) {}
 RecordingAttributes::~RecordingAttributes() = default;
 
 void RecordingAttributes::create(H5::DataSet& dataSet, const RecordingDescription& description) {
@@ -86,9 +87,11 @@ void RecordingAttributes::create(H5::DataSet& dataSet, const RecordingDescriptio
     createString(dataSet, "host", 0, hostName());
 }
 
-bool RecordingAttributes::checkpointDue(uint64_t chunksWritten) const {
-    return std::chrono::steady_clock::now() >= mNextCheckpoint ||
-           chunksWritten - mCheckpointChunks >= kCheckpointChunks;
+// Time alone: HDF5's metadata stays in memory until a checkpoint, so no index node can reach the
+// disk ahead of the end of file that covers it, however many chunks come in between. What is held
+// grows with the chunks of one period only (some 100 KiB for a second at full speed).
+bool RecordingAttributes::checkpointDue() const {
+    return std::chrono::steady_clock::now() >= mNextCheckpoint;
 }
 
 void RecordingAttributes::runEnding(RunOutcome outcome, const std::string& reason) {
@@ -116,11 +119,10 @@ RecordingState RecordingAttributes::stateAtEnd(bool writeFailed, bool complete,
     return RecordingState::Stopped;
 }
 
-void RecordingAttributes::checkpoint(uint64_t values, uint64_t chunksWritten) {
+void RecordingAttributes::checkpoint(uint64_t values) {
     mRecordedValues->write(H5::PredType::NATIVE_UINT64, &values);
     writeString(*mEndTime, utcTimestamp(3));
-    mNextCheckpoint = std::chrono::steady_clock::now() + kCheckpointPeriod;
-    mCheckpointChunks = chunksWritten;
+    mNextCheckpoint = std::chrono::steady_clock::now() + mCheckpointPeriod;
 }
 
 void RecordingAttributes::finish(RecordingState state, uint64_t values,

@@ -33,26 +33,22 @@ enum class RecordingState { Recording, Complete, Stopped, Failed };
 class RecordingAttributes {
 public:
     static constexpr std::chrono::milliseconds kCheckpointPeriod{1000};
-    // Also after this many chunks: between checkpoints HDF5 must not have to write chunk-index
-    // nodes out of its small metadata cache, or a killed process could leave an index that
-    // points past the end the file admits to.
-    static constexpr uint64_t kCheckpointChunks = 2048;
 
-    RecordingAttributes();
+    explicit RecordingAttributes(std::chrono::milliseconds checkpointPeriod = kCheckpointPeriod);
     ~RecordingAttributes();
     RecordingAttributes(const RecordingAttributes&) = delete;
     RecordingAttributes& operator=(const RecordingAttributes&) = delete;
 
     // Every attribute, "state" "recording" and no value recorded.
     void create(H5::DataSet& dataSet, const RecordingDescription& description);
-    bool checkpointDue(uint64_t chunksWritten) const;
+    bool checkpointDue() const;
     // How the run ends, from the job's thread, at any time; the first word counts.
     void runEnding(RunOutcome outcome, const std::string& reason);
     // The state the file ends in: failed by its own write (failure holds why), complete, or as
     // the run said; failure then holds the run's reason.
     RecordingState stateAtEnd(bool writeFailed, bool complete, std::string& failure);
     // Before the file is flushed: it will hold values from index 0 on.
-    void checkpoint(uint64_t values, uint64_t chunksWritten);
+    void checkpoint(uint64_t values);
     // The last words; fixed-size values written in place, so that a full disk takes them.
     void finish(RecordingState state, uint64_t values, const std::string& failure);
     // Closes the attributes; all are tried, and the first failure is thrown.
@@ -65,8 +61,8 @@ private:
     std::unique_ptr<H5::Attribute> mRecordedValues;
     std::unique_ptr<H5::Attribute> mState;
     std::unique_ptr<H5::Attribute> mEndTime;
+    const std::chrono::milliseconds mCheckpointPeriod;
     std::chrono::steady_clock::time_point mNextCheckpoint{};
-    uint64_t mCheckpointChunks = 0; // chunks written at the last checkpoint
     std::mutex mOutcomeMutex;
     bool mOutcomeTold = false;
     RunOutcome mOutcome = RunOutcome::Stopped;

@@ -1,5 +1,7 @@
 #include "sinks/RecordingFile.h"
 
+#include "sinks/Recovery.h"
+
 #include <H5Cpp.h>
 
 #include <algorithm>
@@ -102,7 +104,12 @@ void RecordingFile::claim() {
             mLockFd = fd;
             break;
         }
-        // Unlocked but not empty: a crashed run's recording, which must not be lost.
+        // Unlocked but not empty: a crashed run's recording, which must not be lost. Its last
+        // checkpoint is made whole first, should the crash have come in the middle of one.
+        if (settleJournal(fd)) {
+            std::cerr << "quarvel: brought the unfinished recording " << mTemporaryName
+                      << " of an earlier run to its last checkpoint" << std::endl;
+        }
         const std::string aside = moveAside(mTemporaryName);
         ::close(fd);
         if (aside.empty()) {
@@ -117,6 +124,7 @@ void RecordingFile::claim() {
     if (::getrlimit(RLIMIT_FSIZE, &limit) == 0 && limit.rlim_cur != RLIM_INFINITY) {
         mFileSizeLimit = limit.rlim_cur;
     }
+    syncDirectory();
     mRoomLeft = 0;
     std::lock_guard<std::mutex> guard(liveMutex());
     liveFiles().push_back(this);
@@ -167,6 +175,23 @@ void RecordingFile::publish(bool holdsData) {
                          {}, mTemporaryName.c_str(), mName.c_str(), std::strerror(errno));
     }
     release();
+}
+
+// A new name is on disk only once its directory is: a power cut after the rename, or after the
+// create, must not lose the recording's name.
+void RecordingFile::syncDirectory() const {
+    const auto slash = mName.rfind('/');
+    const std::string directory = slash == std::string::npos ? "."
+                                  : slash == 0               ? "/"
+                                                             : mName.substr(0, slash);
+    const int fd = ::open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (fd < 0 || ::fsync(fd) != 0) {
+        mLog.pellumDoLog(Severity::Warning, "cannot sync the directory %s: %s", {},
+                         directory.c_str(), std::strerror(errno));
+    }
+    if (fd >= 0) {
+        ::close(fd);
+    }
 }
 
 void RecordingFile::discard() {

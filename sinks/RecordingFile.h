@@ -55,6 +55,7 @@ public:
 private:
     [[noreturn]] void refuse(const std::string& reason) const;
     void release();
+    void syncDirectory() const;
 
     const morvik::pellum::log::Logger& mLog;
     const std::string mName;

@@ -37,9 +37,10 @@ size_t SinkHDF5::metadataCacheLimit() const {
     return mOpen ? quarvel::metadataCacheLimit(mFile->getId()) : 0;
 }
 
-SinkHDF5::SinkHDF5(const std::string& fileName, size_t metadataCacheBytes, unsigned workers)
+SinkHDF5::SinkHDF5(const std::string& fileName, size_t metadataCacheBytes, unsigned workers,
+                   std::chrono::milliseconds checkpointPeriod)
     : morvik::pellum::log::Logger(makeLogger("SinkHDF5")), mRecordingFile(fileName, *this),
-      mMetadataCacheBytes(metadataCacheBytes), mWorkers(workers) {}
+      mMetadataCacheBytes(metadataCacheBytes), mWorkers(workers), mAttributes(checkpointPeriod) {}
 
 // A sink dropped while open (a run torn down by an exception) still ends its recording.
 SinkHDF5::~SinkHDF5() {
@@ -167,8 +168,15 @@ void SinkHDF5::createFileAndDataSet() {
 // Attributes first, then the flush: the file on disk then says how far its data goes.
 void SinkHDF5::checkpoint() {
     const uint64_t values = storedValues();
-    mAttributes.checkpoint(values, mChunksWritten);
+    mAttributes.checkpoint(values);
     mFile->flush(H5F_SCOPE_LOCAL);
+    pellumDoLog(Severity::Debug, "~checkpoint: %llu values, %llu bytes of metadata to commit", {},
+                static_cast<unsigned long long>(values),
+                static_cast<unsigned long long>(WriteBehindDriver::heldBytes(mFile->getId())));
+    errno = 0;
+    if (!WriteBehindDriver::commit(mFile->getId())) {
+        throw H5::FileIException("SinkHDF5::checkpoint", std::strerror(errno));
+    }
     mCheckpointValues = values;
 }
 
@@ -199,7 +207,7 @@ uint32_t SinkHDF5::write(const uint8_t* buffer, uint32_t len) {
         mWriteOffset += values;
         mRecordingFile.noteValues(mWriteOffset);
         pellumDoLog(Severity::Info, "-write(%u): wrote %u values", {}, len, values);
-        if (mAttributes.checkpointDue(mChunksWritten)) {
+        if (mAttributes.checkpointDue()) {
             writeEveryChunk();
             checkpoint();
         }
@@ -213,7 +221,7 @@ uint32_t SinkHDF5::write(const uint8_t* buffer, uint32_t len) {
 // A device that stalls still gets its checkpoint on time.
 void SinkHDF5::idle() {
     const QuietHdf5Errors quiet;
-    if (!mOpen || mWriteFailed || !mAttributes.checkpointDue(mChunksWritten)) {
+    if (!mOpen || mWriteFailed || !mAttributes.checkpointDue()) {
         return;
     }
     try {

@@ -6,6 +6,7 @@
 #include "sinks/RecordingAttributes.h"
 #include "sinks/RecordingFile.h"
 
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <exception>
@@ -50,8 +51,10 @@ public:
     static constexpr size_t kDefaultMetadataCacheBytes = 256 * 1024;
 
     // workers: the threads that compress chunks, 0 for one per online CPU.
-    explicit SinkHDF5(const std::string& fileName,
-                      size_t metadataCacheBytes = kDefaultMetadataCacheBytes, unsigned workers = 0);
+    explicit SinkHDF5(
+        const std::string& fileName, size_t metadataCacheBytes = kDefaultMetadataCacheBytes,
+        unsigned workers = 0,
+        std::chrono::milliseconds checkpointPeriod = RecordingAttributes::kCheckpointPeriod);
     virtual ~SinkHDF5();
 
     SinkHDF5(const SinkHDF5&) = delete;

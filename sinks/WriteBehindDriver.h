@@ -3,19 +3,25 @@
 #include <H5Cpp.h>
 
 #include <cstddef>
+#include <cstdint>
+#include <functional>
+#include <vector>
 
 namespace quarvel {
 
-// An HDF5 file driver: HDF5's POSIX driver with a write-behind buffer for raw data. HDF5
-// writes each chunk with a system call of its own, a few KiB each; here chunks that follow
-// one another in the file are gathered and written together. The file itself is the one the
-// POSIX driver writes.
-//
-// Any other write, any read of the buffered range, a flush, a truncate and the close write
-// the buffer out first, so that the file never holds metadata pointing at data that is not
-// there. Written data goes to the disk as the recording proceeds, not all at the close. Once
-// writing the buffer has failed, every later write and flush fails with the same error: the file
-// then stays as it was at the last flush that succeeded.
+// An HDF5 file driver over HDF5's POSIX driver that keeps the file on disk at its last commit,
+// whatever happens to the process or the power:
+// - New chunk data, which HDF5 places beyond the end of the last commit, goes to the disk as the
+//   recording proceeds; chunks that follow one another are gathered into one system call.
+// - Everything else (the chunk index, object headers, the superblock: HDF5's metadata, and the
+//   rare raw write below the committed end) is held in memory until the next commit, and reads
+//   are served from there. Between commits the file on disk thus never changes where the last
+//   commit's metadata points.
+// - commit() makes the file on disk what HDF5 now says it is, atomically, through a journal
+//   (see Journal.h): data synced, journal synced, blocks in place synced, journal removed. The
+//   close commits too.
+// Once a write or a sync has failed, every later write, flush and commit fails with the same
+// error: the file then stays as it was at the last commit that succeeded.
 class WriteBehindDriver {
 public:
     static constexpr size_t kBufferBytes = 256 * 1024;
@@ -24,6 +30,24 @@ public:
 
     // File access properties that select the driver.
     static H5::FileAccPropList fileAccess();
+
+    // Commits the open file, after H5Fflush has handed the driver all of HDF5's metadata.
+    // Returns false and sets errno when the file could not be brought to disk.
+    static bool commit(hid_t file);
+    // The same for a file opened through the driver alone.
+    static bool commit(H5FD_t* file);
+    // Bytes held in memory for the next commit: about the journal's size.
+    static uint64_t heldBytes(hid_t file);
+
+    // What the driver does to a file, in order, for tests that rebuild the file as a crash at
+    // any moment would leave it.
+    struct Operation {
+        enum Kind { Write, Sync, Truncate, Committed } kind = Write;
+        uint64_t offset = 0; // Write: where; Truncate: the new size
+        std::vector<uint8_t> data;
+    };
+    using OperationLog = std::function<void(const Operation&)>;
+    static void setOperationLog(OperationLog log);
 };
 
 } // namespace quarvel

@@ -6,6 +6,7 @@
 #include <cerrno>
 #include <csignal>
 #include <string>
+#include <vector>
 
 #include <sys/resource.h>
 
@@ -35,25 +36,51 @@ struct Driver {
     H5FD_t* file = nullptr;
 };
 
-// Raw data waits for its neighbours, but never for anything that could point at it.
-TEST(WriteBehindDriver, RawDataReachesTheFileBeforeAnyMetadataAndReadsBackAtOnce) {
+// Between commits only new data, beyond the committed end, reaches the disk; HDF5 reads its
+// metadata back from memory. A commit brings it in place through a journal that is synced first,
+// object headers last, and cut off once done.
+TEST(WriteBehindDriver, OnlyNewDataReachesTheDiskUntilACommitBringsTheRestThroughAJournal) {
     Driver driver;
-    const std::string first(3000, 'a'), second(2000, 'b'), apart(100, 'c'), meta(50, 'd');
+    using Op = WriteBehindDriver::Operation;
+    std::vector<Op> ops;
+    WriteBehindDriver::setOperationLog([&](const Op& op) { ops.push_back(op); });
+    const test::Finally stopLogging{[] { WriteBehindDriver::setOperationLog({}); }};
+    const std::string first(3000, 'a'), second(2000, 'b'), header(50, 'h'), index(60, 'i');
     ASSERT_GE(driver.write(H5FD_MEM_DRAW, 0, first), 0);
     ASSERT_GE(driver.write(H5FD_MEM_DRAW, 3000, second), 0);
     EXPECT_TRUE(readFile(driver.path).empty()) << "neighbouring chunks are gathered";
-    EXPECT_EQ(H5FDget_eof(driver.file, H5FD_MEM_DEFAULT), 5000u);
+    ASSERT_GE(driver.write(H5FD_MEM_OHDR, 8000, header), 0);
+    ASSERT_GE(driver.write(H5FD_MEM_BTREE, 6000, index), 0);
+    ASSERT_GE(driver.write(H5FD_MEM_OHDR, 8010, "new"), 0);
+    std::string back(16, '\0');
+    ASSERT_GE(H5FDread(driver.file, H5FD_MEM_OHDR, H5P_DEFAULT, 4995, 6, &back[0]), 0);
+    EXPECT_EQ(back.substr(0, 6), std::string("bbbbb\0", 6));
+    ASSERT_GE(H5FDread(driver.file, H5FD_MEM_OHDR, H5P_DEFAULT, 8008, 6, &back[0]), 0);
+    EXPECT_EQ(back.substr(0, 6), "hhnewh");
+    EXPECT_EQ(readFile(driver.path), first + second) << "no metadata before the commit";
 
-    std::string back(10, '\0');
-    ASSERT_GE(H5FDread(driver.file, H5FD_MEM_DRAW, H5P_DEFAULT, 2995, back.size(), &back[0]), 0);
-    EXPECT_EQ(back, "aaaaabbbbb");
+    ops.clear();
+    ASSERT_TRUE(WriteBehindDriver::commit(driver.file));
+    std::string expected(1 << 20, '\0');
+    expected.replace(0, 5000, first + second);
+    expected.replace(6000, 60, index);
+    expected.replace(8000, 50, header);
+    expected.replace(8010, 3, "new");
+    EXPECT_TRUE(readFile(driver.path) == expected) << "cut back to the end, without the journal";
+    std::string kinds;
+    for (const Op& op : ops) {
+        kinds += "wstc"[op.kind];
+    }
+    // Data synced; journal, synced; the blocks in place (the header in its three pieces),
+    // synced; the journal cut off.
+    EXPECT_EQ(kinds, "swswwwwstc");
+    ASSERT_EQ(ops.size(), 10u);
+    EXPECT_GE(ops[1].offset, 5000u) << "the journal overwrites nothing";
+    EXPECT_EQ(ops[3].offset, 6000u) << "the index before the object header";
+    EXPECT_EQ(ops[8].offset, uint64_t{1} << 20);
 
-    ASSERT_GE(driver.write(H5FD_MEM_DRAW, 6000, apart), 0);
-    ASSERT_GE(driver.write(H5FD_MEM_OHDR, 8000, meta), 0);
-    const std::string disk = readFile(driver.path);
-    ASSERT_EQ(disk.size(), 8050u);
-    EXPECT_EQ(disk.substr(6000, 100), apart);
-    EXPECT_EQ(disk.substr(8000), meta);
+    ASSERT_GE(driver.write(H5FD_MEM_DRAW, 100, "x"), 0);
+    EXPECT_EQ(readFile(driver.path)[100], 'a') << "below the committed end, data waits too";
 }
 
 // The file keeps what it held at the failure: no later metadata may describe lost data.
