@@ -132,36 +132,53 @@ void RecordingFile::claim() {
 
 // The system is asked only when the room it gave last time is used up, so that the mover's
 // writes do not each cost two system calls.
-int RecordingFile::roomFor(uint32_t len) {
+uint32_t RecordingFile::roomFor(uint32_t len, uint64_t reserve, int& refusal) {
+    refusal = 0;
     if (len <= mRoomLeft) {
         mRoomLeft -= len;
+        return len;
+    }
+    uint64_t room = kRoomRecheckBytes + len + reserve;
+    struct stat info {};
+    if (::fstat(mLockFd, &info) == 0 && info.st_nlink == 0) {
+        refusal = ENOENT; // removed by someone else: whatever is written is lost
         return 0;
     }
-    const uint64_t needed = uint64_t{len} + kCloseReserveBytes;
-    uint64_t room = kRoomRecheckBytes + needed;
-    struct stat info {};
-    if (mFileSizeLimit != ~uint64_t{0} && ::fstat(mLockFd, &info) == 0) {
+    if (mFileSizeLimit != ~uint64_t{0}) {
         const uint64_t size = static_cast<uint64_t>(info.st_size);
         room = std::min(room, mFileSizeLimit > size ? mFileSizeLimit - size : 0);
-        if (room < needed) {
-            return EFBIG;
-        }
+        refusal = room < len + reserve ? EFBIG : 0;
     }
     struct statvfs space {};
     if (::fstatvfs(mLockFd, &space) == 0) {
         // Root may use the blocks that the file system keeps back for it.
         const uint64_t blocks = ::geteuid() == 0 ? space.f_bfree : space.f_bavail;
-        room = std::min(room, blocks * space.f_frsize);
-        if (room < needed) {
-            return ENOSPC;
+        if (blocks * space.f_frsize < room) {
+            room = blocks * space.f_frsize;
+            refusal = room < len + reserve ? ENOSPC : refusal;
         }
     }
-    mRoomLeft = room - needed;
-    return 0;
+    if (refusal != 0) {
+        mRoomLeft = 0;
+        return static_cast<uint32_t>(room > reserve ? std::min<uint64_t>(len, room - reserve) : 0);
+    }
+    mRoomLeft = room - len - reserve;
+    return len;
+}
+
+bool RecordingFile::removed() const {
+    struct stat info {};
+    return mLockFd >= 0 && ::fstat(mLockFd, &info) == 0 && info.st_nlink == 0;
 }
 
 void RecordingFile::publish(bool holdsData) {
     if (mLockFd < 0) {
+        return;
+    }
+    if (removed()) {
+        mLog.pellumDoLog(Severity::Error, "%s was removed by someone else; the recording is lost",
+                         {}, mTemporaryName.c_str());
+        release();
         return;
     }
     if (!holdsData) {

@@ -17,9 +17,6 @@ namespace quarvel {
 // that must end at once calls discardEmptyRecordings() from any thread.
 class RecordingFile {
 public:
-    // A write is refused (as a full disk) when less than this is left beyond it: closing the
-    // file must still find room for HDF5's cached chunks and metadata.
-    static constexpr uint64_t kCloseReserveBytes = 2 << 20;
     // How much may be written before free space and the file size limit are looked at again;
     // another process may fill the disk meanwhile.
     static constexpr uint64_t kRoomRecheckBytes = 4 << 20;
@@ -38,11 +35,14 @@ public:
     // run holds, and moves aside a crashed run's. Throws; HDF5's kind of failure (an
     // H5::Exception) for a file that cannot be created, logged with the reason.
     void claim();
-    // 0 when len bytes more may be written, else the errno of the refusal (EFBIG, ENOSPC).
-    int roomFor(uint32_t len);
+    // How many of len bytes may be written so that reserve bytes stay free for the close; when
+    // fewer than len, refusal says why (EFBIG for the file size limit, ENOSPC for the disk).
+    uint32_t roomFor(uint32_t len, uint64_t reserve, int& refusal);
     // How many values the file holds so far, for discardEmptyRecordings.
     void noteValues(uint32_t values) { mValues.store(values); }
 
+    // FILE.part is gone from its directory (someone removed it).
+    bool removed() const;
     // On disk under FILE when it holds data, removed when not.
     void publish(bool holdsData);
     // Removed: nothing was recorded, and FILE is untouched.

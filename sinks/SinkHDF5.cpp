@@ -21,9 +21,11 @@ using morvik::pellum::log::Severity;
 
 namespace {
 
-[[noreturn]] void refuseWrite(int error) {
-    errno = error;
-    throw H5::DataSetIException("SinkHDF5::write", std::strerror(error));
+[[noreturn]] void refuseWrite(int error, const std::string& temporaryName) {
+    errno = error == ENOENT ? 0 : error;
+    throw H5::DataSetIException("SinkHDF5::write",
+                                error == ENOENT ? temporaryName + " was removed by someone else"
+                                                : std::strerror(error));
 }
 
 } // namespace
@@ -105,6 +107,8 @@ void SinkHDF5::open(uint32_t totalSize) {
         const std::string reason = reasonOf(error, errno);
         pellumDoLog(Severity::Error, "cannot create %s: %s", {}, mRecordingFile.name().c_str(),
                     reason.c_str());
+        std::exception_ptr ignored;
+        closeHdf5Objects(ignored, false);
         dropHdf5Objects();
         mRecordingFile.discard();
         throw;
@@ -187,7 +191,7 @@ uint32_t SinkHDF5::write(const uint8_t* buffer, uint32_t len) {
         pellumDoLog(Severity::Error, "write: sink is not open", {});
         throw std::runtime_error("Cannot write to HDF5 output as it has not been open yet");
     }
-    const uint32_t values = len / mElementSize;
+    uint32_t values = len / mElementSize;
     pellumDoLog(Severity::Debug, "~write: dataspace size = %u", {}, values);
     if (uint64_t{mWriteOffset} + values > mTotalSize / mElementSize) {
         // A caller's mistake, not the file's: what was written stays good.
@@ -196,8 +200,22 @@ uint32_t SinkHDF5::write(const uint8_t* buffer, uint32_t len) {
         throw H5::DataSetIException("SinkHDF5::write", why);
     }
     try {
-        if (const int refused = mRecordingFile.roomFor(len)) {
-            refuseWrite(refused);
+        int refusal = 0;
+        uint32_t room = mRecordingFile.roomFor(len, closeNeeds(), refusal);
+        if (room < len) {
+            // Counted uncompressed, what waits in the compressor may seem not to fit: look again
+            // with it in the file.
+            writeEveryChunk();
+            mFile->flush(H5F_SCOPE_LOCAL);
+            room = mRecordingFile.roomFor(len, closeNeeds(), refusal);
+        }
+        if (room < len) {
+            // The values that fit are kept; the next call is refused.
+            values = std::min(values, room / mElementSize);
+            len = values * mElementSize;
+            if (len == 0) {
+                refuseWrite(refusal, mRecordingFile.temporaryName());
+            }
         }
         pellumDoLog(Severity::Debug, "~write: selecting hyperslab", {});
         pellumDoLog(Severity::Debug, "~wirte: writting data", {});
@@ -216,6 +234,18 @@ uint32_t SinkHDF5::write(const uint8_t* buffer, uint32_t len) {
         throw;
     }
     return len;
+}
+
+// What is still to come into the file besides the next write: the values not yet handed to the
+// driver (uncompressed, with the last chunk's padding), what the driver holds (its buffer, the
+// metadata for the close's commit) and the journal of that commit. The failure attribute and
+// the last index nodes fit in the margin.
+uint64_t SinkHDF5::closeNeeds() const {
+    constexpr uint64_t kMarginBytes = 8 << 10;
+    const uint64_t notHandedOver =
+        uint64_t{mWriteOffset} * mElementSize - mChunksWritten * mCompressor->chunkBytes();
+    return notHandedOver + mCompressor->chunkBytes() +
+           2 * WriteBehindDriver::pendingBytes(mFile->getId()) + kMarginBytes;
 }
 
 // A device that stalls still gets its checkpoint on time.
@@ -369,8 +399,8 @@ void SinkHDF5::close() {
 
 // Closing the dataset and the file writes out the last chunks; when that fails (disk full)
 // the rest is still closed and the first failure is passed on to the mover.
-void SinkHDF5::closeHdf5Objects(std::exception_ptr& failure) {
-    const auto closeOne = [&failure, this](const auto& object) {
+void SinkHDF5::closeHdf5Objects(std::exception_ptr& failure, bool logged) {
+    const auto closeOne = [&failure, logged, this](const auto& object) {
         try {
             errno = 0;
             if (object) {
@@ -379,10 +409,12 @@ void SinkHDF5::closeHdf5Objects(std::exception_ptr& failure) {
             return true;
         } catch (const H5::Exception& error) {
             const std::string reason = reasonOf(error, errno);
-            pellumDoLog(Severity::Error, "SinkHDF5 failed to close with error %s", {},
-                        detailOf(error));
-            pellumDoLog(Severity::Error, "closing %s failed: %s", {}, mRecordingFile.name().c_str(),
-                        reason.c_str());
+            if (logged) {
+                pellumDoLog(Severity::Error, "SinkHDF5 failed to close with error %s", {},
+                            detailOf(error));
+                pellumDoLog(Severity::Error, "closing %s failed: %s", {},
+                            mRecordingFile.name().c_str(), reason.c_str());
+            }
             failure = failure ? failure : std::current_exception();
             return false;
         }

@@ -97,9 +97,11 @@ private:
     void writeEveryChunk();
     void finishChunks();
     uint64_t storedValues() const;
+    uint64_t closeNeeds() const;
     void noteWriteFailure(const H5::Exception& error, int systemError);
     void finishAttributes(RecordingState state, const std::string& failure);
-    void closeHdf5Objects(std::exception_ptr& failure);
+    // A file that HDF5 fails to close is parked; logged says whether each failure is logged.
+    void closeHdf5Objects(std::exception_ptr& failure, bool logged = true);
 
     RecordingFile mRecordingFile;
     size_t mMetadataCacheBytes;

@@ -53,6 +53,7 @@ public:
             const haddr_t start = at->first;
             Block& old = at->second;
             const haddr_t oldEnd = start + old.bytes.size();
+            mBytes -= std::min(oldEnd, end) - std::max(start, address);
             if (oldEnd > end) { // its tail survives
                 Block tail{old.type,
                            std::vector<uint8_t>(old.bytes.begin() +
@@ -124,7 +125,7 @@ private:
     }
 
     std::map<haddr_t, Block> mBlocks;
-    uint64_t mBytes = 0; // written into it since the last clear, overlaps counted twice
+    uint64_t mBytes = 0;
 };
 
 // HDF5 fills in the leading public part after open.
@@ -140,7 +141,8 @@ struct File {
     int failure = 0;                    // errno of the write that failed, for good
     int fd = -1;
     bool writable = false;
-    haddr_t writeBackFrom = 0;
+    haddr_t writeBackFrom = 0; // write-back started up to here
+    haddr_t waitedFor = 0;     // and waited for up to here
 };
 static_assert(std::is_standard_layout_v<File>, "HDF5 holds a File by its leading H5FD_t");
 
@@ -208,10 +210,11 @@ herr_t syncFile(File& file) {
     return 0;
 }
 
-// Asks the kernel to start writing what has reached the file, up to end, once a few MiB have
-// gathered: otherwise a commit's sync would wait for a second's data at once, and a board would
-// fill its memory with dirty pages. Only starts the writes: the syncs see their failures.
-void startWriteBack(File& file, haddr_t end) {
+// Bounds the data written but not yet on disk. Every kWriteBackBytes the kernel is asked to start
+// writing the new range, and the range before it is waited for: on a slow card the recording then
+// goes at the card's speed, instead of filling the board's memory with dirty pages that a stop or
+// a commit's sync would then wait for all at once. The syncs see the failures.
+void boundDirtyData(File& file, haddr_t end) {
     constexpr haddr_t kPage = 4096;
     const haddr_t to = end / kPage * kPage; // a partial last page will be written again
     if (file.fd < 0 || to < file.writeBackFrom + WriteBehindDriver::kWriteBackBytes) {
@@ -219,6 +222,13 @@ void startWriteBack(File& file, haddr_t end) {
     }
     ::sync_file_range(file.fd, static_cast<off_t>(file.writeBackFrom),
                       static_cast<off_t>(to - file.writeBackFrom), SYNC_FILE_RANGE_WRITE);
+    if (file.writeBackFrom > file.waitedFor) {
+        ::sync_file_range(file.fd, static_cast<off_t>(file.waitedFor),
+                          static_cast<off_t>(file.writeBackFrom - file.waitedFor),
+                          SYNC_FILE_RANGE_WAIT_BEFORE | SYNC_FILE_RANGE_WRITE |
+                              SYNC_FILE_RANGE_WAIT_AFTER);
+        file.waitedFor = file.writeBackFrom;
+    }
     file.writeBackFrom = to;
 }
 
@@ -233,7 +243,7 @@ herr_t writeBuffer(File& file) {
                      file.buffer.data()) < 0) {
         return -1;
     }
-    startWriteBack(file, file.bufferAddress + file.buffer.size());
+    boundDirtyData(file, file.bufferAddress + file.buffer.size());
     file.buffer.clear();
     return 0;
 }
@@ -401,7 +411,11 @@ herr_t write(H5FD_t* handle, H5FD_mem_t type, hid_t /*transfer*/, haddr_t addres
         return -1;
     }
     if (size >= WriteBehindDriver::kBufferBytes) {
-        return writeThrough(*file, type, address, size, in);
+        if (writeThrough(*file, type, address, size, in) < 0) {
+            return -1;
+        }
+        boundDirtyData(*file, address + size);
+        return 0;
     }
     if (file->buffer.empty()) {
         file->bufferAddress = address;
@@ -470,6 +484,11 @@ bool WriteBehindDriver::commit(H5FD_t* file) {
 uint64_t WriteBehindDriver::heldBytes(hid_t id) {
     const File* file = openFileOf(id);
     return file == nullptr ? 0 : file->held->bytes();
+}
+
+uint64_t WriteBehindDriver::pendingBytes(hid_t id) {
+    const File* file = openFileOf(id);
+    return file == nullptr ? 0 : file->held->bytes() + file->buffer.size();
 }
 
 void WriteBehindDriver::setOperationLog(OperationLog log) {

@@ -25,8 +25,11 @@ namespace quarvel {
 class WriteBehindDriver {
 public:
     static constexpr size_t kBufferBytes = 256 * 1024;
-    // Data written out is handed to the kernel's write-back in steps of at least this much.
+    // Data written out is handed to the kernel's write-back in steps of at least this much, and
+    // the step before is waited for: at most about two steps and the buffer are written but not
+    // yet on disk.
     static constexpr size_t kWriteBackBytes = 2 * 1024 * 1024;
+    static constexpr size_t kMaxUnsyncedBytes = 2 * kWriteBackBytes + kBufferBytes;
 
     // File access properties that select the driver.
     static H5::FileAccPropList fileAccess();
@@ -38,6 +41,8 @@ public:
     static bool commit(H5FD_t* file);
     // Bytes held in memory for the next commit: about the journal's size.
     static uint64_t heldBytes(hid_t file);
+    // Those and the data buffered, not yet written.
+    static uint64_t pendingBytes(hid_t file);
 
     // What the driver does to a file, in order, for tests that rebuild the file as a crash at
     // any moment would leave it.
