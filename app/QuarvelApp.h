@@ -20,6 +20,7 @@ public:
 
     int handleArguments(const std::vector<std::string>& args) override;
     morvik::pellum::utils::JobResult runJob() override;
+    void printHelp(std::ostream& out) const override;
 
     std::vector<std::shared_ptr<AbstractDataMover>> createMovers(const Chain& chain);
     void abortMovers(const std::vector<std::shared_ptr<AbstractDataMover>>& movers);

@@ -1,0 +1,88 @@
+// --help, and the warnings for words the option parser ignores or reads modulo 2^32: the
+// warnings themselves, then runs of the built program, through the emulator in cross builds.
+
+#include "app/ArgumentWarnings.h"
+#include "platform/MorvikApplication.h"
+
+#include "tests/support/TestSupport.h"
+
+#include <gtest/gtest.h>
+
+#include <sstream>
+#include <utility>
+#include <vector>
+
+#include <sys/wait.h>
+
+namespace quarvel::test {
+namespace {
+
+std::vector<std::string> words(const std::string& line) {
+    std::istringstream in(line);
+    return {std::istream_iterator<std::string>(in), {}};
+}
+
+TEST(ArgumentWarnings, NameTheIgnoredWordAndTheOneOptionNearIt) {
+    const std::string unknown = "quarvel: ignoring unknown option ";
+    const std::vector<std::pair<std::string, std::string>> rows = {
+        {"--src-adr=4096 --datarate 7 --log-levl=debug",
+         unknown + "'--src-adr=4096' (did you mean --src-addr?)\n" + unknown +
+             "'--datarate' (did you mean --data-rate?)\n" + unknown +
+             "'--log-levl=debug' (did you mean --log-level?)\n"},
+        // Prefixes either way, case, the nearer of two; none for a far name or one that fits all.
+        {"-f --vers --rec-device=/d --FILE=a --data-rytes=4 --- --dest=/x",
+         unknown + "'-f' (did you mean --file?)\n" + unknown +
+             "'--vers' (did you mean --version?)\n" + unknown +
+             "'--rec-device=/d' (did you mean --rec-dev?)\n" + unknown +
+             "'--FILE=a' (did you mean --file?)\n" + unknown +
+             "'--data-rytes=4' (did you mean --data-bytes?)\n" + unknown + "'---'\n" + unknown +
+             "'--dest=/x'\n"},
+        // An abbreviation, values as next words, words after --, a --log-level left over.
+        {"--fi=a.h5 --conf -x --rec-dev --y --data-bytes=-0x4 --log-level -- --z", ""},
+        {"--data-b -4 --src-addr=-4096 --src-addr=+4",
+         "quarvel: --data-bytes=-4 is read as 4294967292\n"
+         "quarvel: --src-addr=-4096 is read as 4294963200\n"},
+        {"--d=4 --x", ""}, // ambiguous: the option parser reports it
+    };
+    for (const auto& [line, expected] : rows) {
+        std::ostringstream out;
+        warnAboutArguments(words(line), morvik::pellum::utils::MorvikApplication::ownOptions(),
+                           out);
+        EXPECT_EQ(out.str(), expected) << line;
+    }
+}
+
+struct Outcome {
+    int exitCode;
+    std::string out, err;
+};
+
+Outcome quarvel(const TempDir& dir, const std::string& args) {
+    const int status = std::system((QUARVEL_LAUNCHER " " QUARVEL_BINARY " " + args + " >" +
+                                    dir.file("out") + " 2>" + dir.file("err"))
+                                       .c_str());
+    return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, readFile(dir.file("out")),
+            readFile(dir.file("err"))};
+}
+
+// Help comes first, whatever else is given, and touches nothing; a warned run goes on as ever.
+TEST(Quarvel, AnswersHelpAndRecordsDespiteAMistypedOption) {
+    TempDir dir;
+    const std::string run =
+        "--conf=mock --rec-dev=/dev/null --data-bytes=4096 --fi=" + dir.file("r.h5");
+    for (const char* help : {"--help", "-h"}) {
+        const Outcome answer = quarvel(dir, run + " --version --log-level=none " + help);
+        EXPECT_EQ(answer.exitCode, 0) << help;
+        EXPECT_EQ(answer.out.rfind("Usage: quarvel --file=FILE", 0), 0u) << answer.out;
+        EXPECT_EQ(answer.err, "") << help;
+        EXPECT_FALSE(std::ifstream(dir.file("r.h5"))) << help;
+    }
+    const Outcome recorded = quarvel(dir, run + " --src-adr=4096");
+    EXPECT_EQ(recorded.exitCode, 0);
+    EXPECT_EQ(recorded.err,
+              "quarvel: ignoring unknown option '--src-adr=4096' (did you mean --src-addr?)\n");
+    EXPECT_TRUE(std::ifstream(dir.file("r.h5")));
+}
+
+} // namespace
+} // namespace quarvel::test
