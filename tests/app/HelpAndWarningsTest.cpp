@@ -12,6 +12,7 @@
 #include <utility>
 #include <vector>
 
+#include <spawn.h>
 #include <sys/wait.h>
 
 namespace quarvel::test {
@@ -57,12 +58,26 @@ struct Outcome {
     std::string out, err;
 };
 
+// Not through a shell: under the emulator of a cross build, that would be the board's.
 Outcome quarvel(const TempDir& dir, const std::string& args) {
-    const int status = std::system((QUARVEL_LAUNCHER " " QUARVEL_BINARY " " + args + " >" +
-                                    dir.file("out") + " 2>" + dir.file("err"))
-                                       .c_str());
-    return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, readFile(dir.file("out")),
-            readFile(dir.file("err"))};
+    std::vector<std::string> argv = words(QUARVEL_LAUNCHER " " QUARVEL_BINARY " " + args);
+    std::vector<char*> pointers;
+    for (auto& arg : argv) {
+        pointers.push_back(arg.data());
+    }
+    pointers.push_back(nullptr);
+    const std::string out = dir.file("out"), err = dir.file("err");
+    posix_spawn_file_actions_t streams;
+    posix_spawn_file_actions_init(&streams);
+    posix_spawn_file_actions_addopen(&streams, 1, out.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
+    posix_spawn_file_actions_addopen(&streams, 2, err.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
+    pid_t pid = 0;
+    int status = -1;
+    if (posix_spawn(&pid, pointers[0], &streams, nullptr, pointers.data(), environ) == 0) {
+        waitpid(pid, &status, 0);
+    }
+    posix_spawn_file_actions_destroy(&streams);
+    return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, readFile(out), readFile(err)};
 }
 
 // Help comes first, whatever else is given, and touches nothing; a warned run goes on as ever.
@@ -70,8 +85,8 @@ TEST(Quarvel, AnswersHelpAndRecordsDespiteAMistypedOption) {
     TempDir dir;
     const std::string run =
         "--conf=mock --rec-dev=/dev/null --data-bytes=4096 --fi=" + dir.file("r.h5");
-    for (const char* help : {"--help", "-h"}) {
-        const Outcome answer = quarvel(dir, run + " --version --log-level=none " + help);
+    for (const char* help : {" --version --log-level=none --help", " -h"}) {
+        const Outcome answer = quarvel(dir, run + help);
         EXPECT_EQ(answer.exitCode, 0) << help;
         EXPECT_EQ(answer.out.rfind("Usage: quarvel --file=FILE", 0), 0u) << answer.out;
         EXPECT_EQ(answer.err, "") << help;
