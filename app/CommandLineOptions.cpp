@@ -25,21 +25,7 @@ template <typename T> bool take(const po::variables_map& values, const char* nam
 } // namespace
 
 CommandLineOptions::CommandLineOptions(const std::vector<std::string>& args)
-    : morvik::pellum::log::Logger(makeLogger("CommandLineOptions")),
-      mDescription("Supported Options", po::options_description::m_default_line_length,
-                   po::options_description::m_default_line_length / 2) {
-    // "data-rate" is parsed as a character: the stored number is that character's code.
-    mDescription.add_options()                                                            //
-        ("file", po::value<std::string>(), "save the recorded data to the provided file") //
-        ("src-addr", po::value<uint32_t>(),
-         "address at which the recorder starts to write, default is 0") //
-        ("data-rate", po::value<uint8_t>(),
-         "N in formula: used percentage of full speed = 100 - (N * 6.25), default 0 (full data "
-         "rate)")                                                          //
-        ("data-bytes", po::value<uint32_t>(), "Number of bytes to record") //
-        ("conf", po::value<std::string>(), "Configuration scheme name")    //
-        ("rec-dev", po::value<std::string>(), "Path to the recorder device, e.g. /dev/myrecorder");
-
+    : morvik::pellum::log::Logger(makeLogger("CommandLineOptions")), mDescription(optionList()) {
     try {
         parse(args);
     } catch (const std::exception& e) {
@@ -76,6 +62,24 @@ void CommandLineOptions::parse(const std::vector<std::string>& args) {
     if (!take(values, "rec-dev", mRecDev)) {
         missing("no recorder device provided");
     }
+}
+
+po::options_description CommandLineOptions::optionList() {
+    po::options_description list("Supported Options",
+                                 po::options_description::m_default_line_length,
+                                 po::options_description::m_default_line_length / 2);
+    // "data-rate" is parsed as a character: the stored number is that character's code.
+    list.add_options()                                                                    //
+        ("file", po::value<std::string>(), "save the recorded data to the provided file") //
+        ("src-addr", po::value<uint32_t>(),
+         "address at which the recorder starts to write, default is 0") //
+        ("data-rate", po::value<uint8_t>(),
+         "N in formula: used percentage of full speed = 100 - (N * 6.25), default 0 (full data "
+         "rate)")                                                          //
+        ("data-bytes", po::value<uint32_t>(), "Number of bytes to record") //
+        ("conf", po::value<std::string>(), "Configuration scheme name")    //
+        ("rec-dev", po::value<std::string>(), "Path to the recorder device, e.g. /dev/myrecorder");
+    return list;
 }
 
 void CommandLineOptions::printHelp() const {

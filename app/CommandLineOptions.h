@@ -25,6 +25,8 @@ public:
     uint8_t getDataRate() const { return mDataRate; }
 
     void printHelp() const;
+    // The options as printHelp() lists them, for those who need the list without a parse.
+    static boost::program_options::options_description optionList();
 
 private:
     void parse(const std::vector<std::string>& args);

@@ -1,10 +1,13 @@
 #include "app/QuarvelApp.h"
 
+#include "app/ArgumentWarnings.h"
 #include "app/RunEnd.h"
 #include "configurations/Configurations.h"
 #include "dataflow/ChainAssembly.h"
 
 #include <exception>
+#include <iomanip>
+#include <iostream>
 
 namespace quarvel {
 
@@ -13,9 +16,27 @@ QuarvelApp::QuarvelApp(int argc, char** argv) : MorvikApplication(argc, argv, tr
 
 QuarvelApp::~QuarvelApp() = default;
 
+// The warnings come before what the options themselves report, which they may explain.
 int QuarvelApp::handleArguments(const std::vector<std::string>& args) {
+    warnAboutArguments(args, ownOptions(), std::cerr);
     mOptions = std::make_shared<CommandLineOptions>(args);
     return 0;
+}
+
+void QuarvelApp::printHelp(std::ostream& out) const {
+    out << "Usage: quarvel --file=FILE --data-bytes=N --conf=SCHEME --rec-dev=DEVICE\n"
+           "               [--src-addr=N] [--data-rate=C] [--log-level=LEVEL]\n"
+           "       quarvel --version | --help\n"
+           "Records one block of FPGA recorder data into a new HDF5 file.\n\n"
+        << CommandLineOptions::optionList() << '\n';
+    MorvikApplication::printHelp(out);
+    out << "\nSchemes, the values of --conf:\n";
+    for (const auto& entry : createConfigurations()) {
+        out << "  " << std::left << std::setw(22) << entry.first << entry.second->getDescription()
+            << '\n';
+    }
+    out << "\nA value follows its option after = or as the next word. A prefix that names one\n"
+           "option alone is that option (--fi is --file). More in the manual: man quarvel\n";
 }
 
 morvik::pellum::utils::JobResult QuarvelApp::runJob() {

@@ -20,6 +20,7 @@ public:
     int handleArguments(const std::vector<std::string>& args) override;
     // The transfer run; how it ends is RunEnd's to decide.
     morvik::pellum::utils::JobResult runJob() override;
+    void printHelp(std::ostream& out) const override;
 
 private:
     void record(RunEnd& end);

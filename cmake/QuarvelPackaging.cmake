@@ -2,7 +2,8 @@
 #   cmake --build BUILD --target package    (or: cpack --config BUILD/CPackConfig.cmake)
 # It holds what the install rules install, under /usr whatever CMAKE_INSTALL_PREFIX says.
 # Depends is computed by dpkg-shlibdeps from the libraries the program links; a cross build
-# takes them, and their packages' shlibs and symbols, from the sysroot.
+# takes them, and their packages' shlibs and symbols, from the sysroot. Suggests names what
+# reads a recording.
 
 set(QUARVEL_PACKAGE_MAINTAINER "quarvel developers <quarvel@example.org>"
     CACHE STRING "Maintainer of the Debian package and of its changelog, 'Name <address>'")
@@ -31,6 +32,8 @@ set(CPACK_DEBIAN_PACKAGE_MAINTAINER "${QUARVEL_PACKAGE_MAINTAINER}")
 set(CPACK_DEBIAN_PACKAGE_SECTION science)
 set(CPACK_DEBIAN_PACKAGE_PRIORITY optional)
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
+# What reads a recording: h5dump and friends, and h5py.
+set(CPACK_DEBIAN_PACKAGE_SUGGESTS "hdf5-tools, python3-h5py")
 
 if(CMAKE_CROSSCOMPILING)
   # CPack would name the build machine's architecture; Debian's name for the target's is wanted.

@@ -3,7 +3,6 @@
 #include "platform/Logger.h"
 #include "platform/Version.h"
 
-#include <algorithm>
 #include <atomic>
 #include <csignal>
 #include <exception>
@@ -42,6 +41,10 @@ void installStopHandlers() {
 constexpr const char* kLogLevelOption = "--log-level";
 constexpr const char* kVersionOption = "--version";
 
+bool isHelp(const std::string& arg) {
+    return arg == "--help" || arg == "-h";
+}
+
 } // namespace
 
 MorvikApplication::MorvikApplication(int& argc, char** argv, bool) {
@@ -52,13 +55,14 @@ MorvikApplication::MorvikApplication(int& argc, char** argv, bool) {
         mArgv.push_back(argv[0]);
     }
     // Looked for before anything else, so that even "--log-level --version" shows the version.
-    mVersionRequested = std::any_of(argv + std::min(argc, 1), argv + argc, [](const char* arg) {
-        return std::string(arg) == kVersionOption;
-    });
+    for (int i = 1; i < argc; ++i) {
+        mVersionRequested = mVersionRequested || argv[i] == std::string(kVersionOption);
+        mHelpRequested = mHelpRequested || isHelp(argv[i]);
+    }
     const std::string prefix = std::string(kLogLevelOption) + "=";
     for (int i = 1; i < argc; ++i) {
         const std::string arg = argv[i];
-        if (arg == kVersionOption) {
+        if (arg == kVersionOption || isHelp(arg)) {
             continue;
         }
         std::string level;
@@ -95,12 +99,31 @@ bool MorvikApplication::gotSigTerm() const {
 
 void MorvikApplication::parseCustomOptions(int, char const* const*) {}
 
+// Laid out as the program's option parser lays out its list.
+void MorvikApplication::printHelp(std::ostream& out) const {
+    out << "Framework Options:\n"
+           "  --log-level arg       the log on standard error: fatal, error (default),\n"
+           "                        warning, info, debug, or 0 to 5\n"
+           "  --version             print the version and exit\n"
+           "  -h [ --help ]         print this help and exit\n";
+}
+
+const std::vector<std::string>& MorvikApplication::ownOptions() {
+    static const std::vector<std::string> names = {"log-level", "version", "help"};
+    return names;
+}
+
 void MorvikApplication::preInit() {}
 
 void MorvikApplication::cleanUp() {}
 
 int MorvikApplication::run() {
-    // Like --help in most tools: answers and ends before any other option is looked at.
+    // Both answer and end before any other option is looked at; help, which also lists
+    // --version, comes first.
+    if (mHelpRequested) {
+        printHelp(std::cout);
+        return 0;
+    }
     if (mVersionRequested) {
         std::cout << "quarvel " << quarvel::version() << std::endl;
         return 0;

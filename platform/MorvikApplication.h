@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <iosfwd>
 #include <string>
 #include <vector>
 
@@ -11,9 +12,9 @@ struct JobResult {
     int32_t exitCode = 0;
 };
 
-// Owns the process life cycle: consumes the framework's own options (--log-level, --version),
-// records SIGTERM, SIGINT and SIGHUP, hands the remaining arguments to the hook and runs the job
-// once from a main loop.
+// Owns the process life cycle: consumes the framework's own options (--log-level, --version,
+// --help), records SIGTERM, SIGINT and SIGHUP, hands the remaining arguments to the hook and runs
+// the job once from a main loop.
 class MorvikApplication {
 public:
     MorvikApplication(int& argc, char** argv, bool);
@@ -30,6 +31,12 @@ public:
     virtual void preInit();
     virtual void cleanUp();
     virtual JobResult runJob() = 0;
+    // The answer to --help; this one lists the framework's own options, which a program puts
+    // among its own.
+    virtual void printHelp(std::ostream& out) const;
+
+    // The long names of the framework's own options, without their dashes.
+    static const std::vector<std::string>& ownOptions();
 
 private:
     std::vector<std::string> mArgs;
@@ -37,6 +44,7 @@ private:
     std::string mBadLogLevel;
     bool mLogLevelInvalid = false;
     bool mVersionRequested = false;
+    bool mHelpRequested = false;
 };
 
 } // namespace morvik::pellum::utils

@@ -11,6 +11,7 @@ packages=(
   libglibmm-2.4-dev
   libgtest-dev libgmock-dev
   python3 python3-h5py python3-numpy time util-linux mount
+  groff-base bash-completion
 )
 
 if [ "$(id -u)" -eq 0 ]; then
