@@ -4,6 +4,7 @@
 #include "app/RunEnd.h"
 #include "configurations/Configurations.h"
 #include "dataflow/ChainAssembly.h"
+#include "sinks/Recovery.h"
 
 #include <exception>
 #include <iomanip>
@@ -37,6 +38,29 @@ void QuarvelApp::printHelp(std::ostream& out) const {
     }
     out << "\nA value follows its option after = or as the next word. A prefix that names one\n"
            "option alone is that option (--fi is --file). More in the manual: man quarvel\n";
+}
+
+int QuarvelApp::recover(const std::string& path) {
+    const Recovery result = recoverRecording(path);
+    const std::string found = "recorded_values " + std::to_string(result.recordedValues) +
+                              ", state \"" + result.state + "\"";
+    switch (result.outcome) {
+    case Recovery::Outcome::Repaired:
+        std::cout << path << ": brought to its last checkpoint; " << found << std::endl;
+        return 0;
+    case Recovery::Outcome::NothingToDo:
+        std::cout << path << ": nothing to repair; " << found << std::endl;
+        return 0;
+    case Recovery::Outcome::NotARecording:
+        std::cerr << "quarvel: " << path << " is not a quarvel recording: " << result.reason
+                  << "; it is left as it was" << std::endl;
+        return 2;
+    case Recovery::Outcome::CannotRepair:
+        break;
+    }
+    std::cerr << "quarvel: cannot repair " << path << ": " << result.reason
+              << "; it is left as it was" << std::endl;
+    return 2;
 }
 
 morvik::pellum::utils::JobResult QuarvelApp::runJob() {

@@ -21,6 +21,7 @@ public:
     // The transfer run; how it ends is RunEnd's to decide.
     morvik::pellum::utils::JobResult runJob() override;
     void printHelp(std::ostream& out) const override;
+    int recover(const std::string& path) override;
 
 private:
     void record(RunEnd& end);

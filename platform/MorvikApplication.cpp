@@ -40,6 +40,7 @@ void installStopHandlers() {
 
 constexpr const char* kLogLevelOption = "--log-level";
 constexpr const char* kVersionOption = "--version";
+constexpr const char* kRecoverOption = "--recover";
 
 bool isHelp(const std::string& arg) {
     return arg == "--help" || arg == "-h";
@@ -60,9 +61,19 @@ MorvikApplication::MorvikApplication(int& argc, char** argv, bool) {
         mHelpRequested = mHelpRequested || isHelp(argv[i]);
     }
     const std::string prefix = std::string(kLogLevelOption) + "=";
+    const std::string recoverPrefix = std::string(kRecoverOption) + "=";
     for (int i = 1; i < argc; ++i) {
         const std::string arg = argv[i];
         if (arg == kVersionOption || isHelp(arg)) {
+            continue;
+        }
+        if (arg == kRecoverOption || arg.compare(0, recoverPrefix.size(), recoverPrefix) == 0) {
+            mRecoverRequested = true;
+            if (arg != kRecoverOption) {
+                mRecoverPath = arg.substr(recoverPrefix.size());
+            } else if (i + 1 < argc) {
+                mRecoverPath = argv[++i];
+            }
             continue;
         }
         std::string level;
@@ -105,12 +116,19 @@ void MorvikApplication::printHelp(std::ostream& out) const {
            "  --log-level arg       the log on standard error: fatal, error (default),\n"
            "                        warning, info, debug, or 0 to 5\n"
            "  --version             print the version and exit\n"
+           "  --recover PATH        bring a recording that a crash or a power cut left\n"
+           "                        behind to its last checkpoint, and exit\n"
            "  -h [ --help ]         print this help and exit\n";
 }
 
 const std::vector<std::string>& MorvikApplication::ownOptions() {
-    static const std::vector<std::string> names = {"log-level", "version", "help"};
+    static const std::vector<std::string> names = {"log-level", "version", "help", "recover"};
     return names;
+}
+
+int MorvikApplication::recover(const std::string&) {
+    std::cerr << "quarvel: --recover is not supported here" << std::endl;
+    return 2;
 }
 
 void MorvikApplication::preInit() {}
@@ -127,6 +145,13 @@ int MorvikApplication::run() {
     if (mVersionRequested) {
         std::cout << "quarvel " << quarvel::version() << std::endl;
         return 0;
+    }
+    if (mRecoverRequested) {
+        if (mRecoverPath.empty()) {
+            std::cerr << "quarvel: --recover needs the path of a recording" << std::endl;
+            return 1;
+        }
+        return recover(mRecoverPath);
     }
     if (mLogLevelInvalid) {
         std::cerr << "invalid value '" << mBadLogLevel << "' for " << kLogLevelOption

@@ -13,8 +13,8 @@ struct JobResult {
 };
 
 // Owns the process life cycle: consumes the framework's own options (--log-level, --version,
-// --help), records SIGTERM, SIGINT and SIGHUP, hands the remaining arguments to the hook and runs
-// the job once from a main loop.
+// --help, --recover), records SIGTERM, SIGINT and SIGHUP, hands the remaining arguments to the hook
+// and runs the job once from a main loop.
 class MorvikApplication {
 public:
     MorvikApplication(int& argc, char** argv, bool);
@@ -34,6 +34,9 @@ public:
     // The answer to --help; this one lists the framework's own options, which a program puts
     // among its own.
     virtual void printHelp(std::ostream& out) const;
+    // The answer to --recover PATH: brings a recording left by a crash to its last checkpoint
+    // and returns the exit code.
+    virtual int recover(const std::string& path);
 
     // The long names of the framework's own options, without their dashes.
     static const std::vector<std::string>& ownOptions();
@@ -45,6 +48,8 @@ private:
     bool mLogLevelInvalid = false;
     bool mVersionRequested = false;
     bool mHelpRequested = false;
+    bool mRecoverRequested = false;
+    std::string mRecoverPath;
 };
 
 } // namespace morvik::pellum::utils
