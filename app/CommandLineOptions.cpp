@@ -48,7 +48,8 @@ void CommandLineOptions::parse(const std::vector<std::string>& args) {
         mError = true;
         std::cerr << message << '\n';
     };
-    if (!take(values, "file", mFile)) {
+    // An empty name would record into a hidden ".part" of the working directory.
+    if (!take(values, "file", mFile) || mFile.empty()) {
         missing("no file argument provided but required");
     }
     take(values, "src-addr", mSrcAddr);

@@ -142,15 +142,20 @@ void RunEnd::tellFile(RunOutcome outcome, const std::string& reason) const {
 // decoder moves what the decoder holds and ends when it is dry, so that the file gets every
 // whole word read from the device. A recorder's mover stuck in the kernel is not waited for
 // long: the others drain without it, and the deadline ends the process.
-void RunEnd::stopDraining() {
+bool RunEnd::stopDraining() {
     const Movers& movers = mPieces.movers;
-    const auto sourceWait = std::chrono::steady_clock::now() + kSourceStopWait;
+    const auto start = std::chrono::steady_clock::now();
     for (size_t i = 0; i < movers.size(); ++i) {
         movers[i]->requestStop(i > 0);
-        waitForFinish(*movers[i],
-                      i == 0 ? sourceWait : std::chrono::steady_clock::time_point::max());
+        if (!waitForFinish(*movers[i], start + (i == 0 ? kSourceStopWait : kDrainLimit))) {
+            movers[i]->requestStop(false);
+            waitForFinish(*movers[i], start + kDrainLimit);
+        }
     }
+    const bool all = std::all_of(movers.begin(), movers.end(),
+                                 [](const auto& mover) { return mover->movedAll(); });
     abortMovers(movers);
+    return all;
 }
 
 void RunEnd::printTransferred() const {
@@ -178,8 +183,8 @@ int RunEnd::finish() {
         tellFile(RunOutcome::Failed, errors);
         abortMovers(mPieces.movers);
     }
-    // A stop signal that came while the work ended is still the run's end.
-    if ((mWay == Way::Finished || mWay == Way::Failed) && mStopRequested()) {
+    // A stop signal that came while a failure ended the run is still the run's end.
+    if (mWay == Way::Failed && mStopRequested()) {
         mWay = Way::Stopped;
     }
 
@@ -192,12 +197,17 @@ int RunEnd::finish() {
         exitCode = 2;
         break;
     case Way::Stopped:
+        mDeadline.arm(1);
+        tellFile(RunOutcome::Stopped, std::string());
+        if (stopDraining()) {
+            // Nothing was left to stop: the file is complete, and the run says so.
+            mWay = Way::Finished;
+            mDeadline.arm(0);
+            return finish();
+        }
         pellumDoLog(Severity::Error, "GOT SIGTERM", {});
         std::cerr << kStopText << std::endl;
         exitCode = 1;
-        mDeadline.arm(exitCode);
-        tellFile(RunOutcome::Stopped, std::string());
-        stopDraining();
         break;
     case Way::Finished:
     case Way::Failed: {

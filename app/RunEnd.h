@@ -10,8 +10,9 @@
 //   a stop signal          "transfer abort requested by user (sigterm)", 1. SIGTERM, SIGINT and
 //                          SIGHUP alike. The recorder's mover stops reading; what it read goes on
 //                          through the decoder, and the movers behind it end once they have moved
-//                          everything; FILE "stopped". A run that stored nothing leaves no FILE,
-//                          and an older one stays.
+//                          everything (for 1 s at most); FILE "stopped". A run that stored nothing
+//                          leaves no FILE, and an older one stays. A stop that comes when every
+//                          byte has been moved ends the run as finished: FILE "complete", 0.
 //   unusable options       the option list, 1; nothing is made.
 //   an unknown scheme      the list of schemes, 2; nothing is made.
 //   an exception           "EXCPETION THROWN" and its text, 42, or "UNKNOWN EXCEPTION THROWN",
@@ -55,6 +56,9 @@ public:
     static constexpr std::chrono::seconds kStopLimit{5};
     // How long a stop waits for the recorder's mover before the others drain without it.
     static constexpr std::chrono::seconds kSourceStopWait{1};
+    // How long the movers behind a decoder may drain it after a stop; on a slow card what is
+    // left after that is dropped, so that a stop still ends in seconds.
+    static constexpr std::chrono::seconds kDrainLimit{1};
     // How often the progress line is rewritten.
     static constexpr std::chrono::milliseconds kProgressPeriod{250};
 
@@ -82,7 +86,8 @@ private:
     enum class Way { Finished, Failed, Stopped, OptionsUnusable, SchemeUnknown, Exception };
 
     void tellFile(RunOutcome outcome, const std::string& reason) const;
-    void stopDraining();
+    // True when every mover had moved all its bytes after all.
+    bool stopDraining();
     void printTransferred() const;
     void release();
     [[noreturn]] void leaveNow(int exitCode) const;

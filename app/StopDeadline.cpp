@@ -1,5 +1,7 @@
 #include "app/StopDeadline.h"
 
+#include "platform/Waiting.h"
+
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
@@ -68,10 +70,19 @@ void StopDeadline::watch() {
 
 // Called with the mutex held; nothing of the stuck threads is waited for.
 void StopDeadline::fire() {
-    const std::string message =
-        (mFarewell.empty() ? std::string() : mFarewell + "\n") +
+    Waiting what = Waiting::Device;
+    std::string name;
+    const bool known = currentWait(what, name);
+    std::string why =
         "quarvel: a data mover did not stop (the recorder device delivers nothing); leaving "
         "without it\n";
+    if (known && what == Waiting::Disk) {
+        why = "quarvel: still writing " + name + " to disk; leaving without waiting\n";
+    } else if (known && what == Waiting::Sysfs) {
+        why = "quarvel: the recorder's attribute " + name +
+              " does not answer; leaving without waiting\n";
+    }
+    const std::string message = (mFarewell.empty() ? std::string() : mFarewell + "\n") + why;
     (void)!::write(STDERR_FILENO, message.data(), message.size());
     if (mBeforeExit) {
         mBeforeExit();

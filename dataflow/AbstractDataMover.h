@@ -18,6 +18,8 @@ public:
     virtual std::string name() = 0;
     virtual bool isFinished() = 0;
     virtual bool failed() = 0;
+    // The thread has ended after moving its whole byte count, without failure.
+    virtual bool movedAll() = 0;
     virtual void start(uint32_t dataSizeInBytes) = 0;
     virtual std::string errorText() = 0;
     virtual void abort() = 0;

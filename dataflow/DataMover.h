@@ -40,6 +40,10 @@ public:
     std::string name() override { return mName; }
     bool isFinished() override { return mFinished.load(); }
     bool failed() override { return mFailed.load(); }
+    bool movedAll() override {
+        return mFinished.load() && !mFailed.load() &&
+               mBytesTransferred.load() >= mBytesToTransfer.load();
+    }
     void start(uint32_t dataSizeInBytes) override;
     std::string errorText() override;
     void abort() override;

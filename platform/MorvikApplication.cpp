@@ -46,11 +46,18 @@ bool isHelp(const std::string& arg) {
     return arg == "--help" || arg == "-h";
 }
 
+// Run by the loader before any library's initialisation, and long before main: a stop that comes
+// while the process starts is recorded and ends the run, instead of killing the process. Only the
+// loader's own work comes before it.
+void installStopHandlersFirst(int, char**, char**) {
+    installStopHandlers();
+}
+__attribute__((section(".preinit_array"),
+               used)) void (*const gInstallFirst)(int, char**, char**) = installStopHandlersFirst;
+
 } // namespace
 
 MorvikApplication::MorvikApplication(int& argc, char** argv, bool) {
-    // From here on a stop request is recorded instead of ending the process.
-    gStopSignal.store(false);
     installStopHandlers();
     if (argc > 0 && argv != nullptr) {
         mArgv.push_back(argv[0]);

@@ -72,22 +72,24 @@ std::string RecordingFile::temporaryName(const std::string& fileName) {
 }
 
 // A file that cannot be created is HDF5's kind of failure, as when HDF5 itself refuses it.
-void RecordingFile::refuse(const std::string& reason) const {
-    mLog.pellumDoLog(Severity::Error, "cannot create %s: %s", {}, mName.c_str(), reason.c_str());
-    throw H5::FileIException("SinkHDF5::open", "cannot create " + mName + ": " + reason);
+void RecordingFile::refuse(const std::string& reason, const std::string& name) const {
+    mLog.pellumDoLog(Severity::Error, "cannot create %s: %s", {}, name.c_str(), reason.c_str());
+    throw H5::FileIException("SinkHDF5::open", "cannot create " + name + ": " + reason);
 }
 
 void RecordingFile::claim() {
     struct stat target {};
     if (::stat(mName.c_str(), &target) == 0 && !S_ISREG(target.st_mode)) {
         // Renaming over it would replace a directory entry or a device node, not fill a file.
-        refuse(std::string(S_ISDIR(target.st_mode) ? std::strerror(EISDIR) : "Not a regular file"));
+        refuse(std::string(S_ISDIR(target.st_mode) ? std::strerror(EISDIR) : "Not a regular file"),
+               mName);
     }
     for (;;) {
         const int fd =
             ::open(mTemporaryName.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0666); // no O_TRUNC yet
         if (fd < 0) {
-            refuse(std::strerror(errno));
+            // A FILE.part in the way that is no file is named, not FILE.
+            refuse(std::strerror(errno), errno == EISDIR ? mTemporaryName : mName);
         }
         // An open file description lock: HDF5's own flock on the same file does not meet it,
         // and closing HDF5's descriptor does not drop it.
@@ -208,6 +210,14 @@ void RecordingFile::syncDirectory() const {
     }
     if (fd >= 0) {
         ::close(fd);
+    }
+}
+
+void RecordingFile::keep() {
+    if (mLockFd >= 0) {
+        mLog.pellumDoLog(Severity::Error, "the recording stays in %s, at its last checkpoint", {},
+                         mTemporaryName.c_str());
+        release();
     }
 }
 

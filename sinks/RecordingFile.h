@@ -45,6 +45,8 @@ public:
     bool removed() const;
     // On disk under FILE when it holds data, removed when not.
     void publish(bool holdsData);
+    // Left under its temporary name, at its last checkpoint.
+    void keep();
     // Removed: nothing was recorded, and FILE is untouched.
     void discard();
 
@@ -53,7 +55,7 @@ public:
     static void discardEmptyRecordings() noexcept;
 
 private:
-    [[noreturn]] void refuse(const std::string& reason) const;
+    [[noreturn]] void refuse(const std::string& reason, const std::string& name) const;
     void release();
     void syncDirectory() const;
 

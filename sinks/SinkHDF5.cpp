@@ -1,6 +1,7 @@
 #include "sinks/SinkHDF5.h"
 
 #include "dataflow/WholeWords.h"
+#include "platform/Waiting.h"
 #include "sinks/ChunkCompressor.h"
 #include "sinks/Hdf5Support.h"
 #include "sinks/WriteBehindDriver.h"
@@ -187,6 +188,7 @@ void SinkHDF5::checkpoint() {
 uint32_t SinkHDF5::write(const uint8_t* buffer, uint32_t len) {
     pellumDoLog(Severity::Debug, "+write(%u)", {}, len);
     const QuietHdf5Errors quiet;
+    const WaitingFor waiting(Waiting::Disk, mRecordingFile.name());
     if (!mOpen) {
         pellumDoLog(Severity::Error, "write: sink is not open", {});
         throw std::runtime_error("Cannot write to HDF5 output as it has not been open yet");
@@ -251,6 +253,7 @@ uint64_t SinkHDF5::closeNeeds() const {
 // A device that stalls still gets its checkpoint on time.
 void SinkHDF5::idle() {
     const QuietHdf5Errors quiet;
+    const WaitingFor waiting(Waiting::Disk, mRecordingFile.name());
     if (!mOpen || mWriteFailed || !mAttributes.checkpointDue()) {
         return;
     }
@@ -360,6 +363,7 @@ void SinkHDF5::finishAttributes(RecordingState state, const std::string& failure
 void SinkHDF5::close() {
     pellumDoLog(Severity::Debug, "+close()", {});
     const QuietHdf5Errors quiet;
+    const WaitingFor waiting(Waiting::Disk, mRecordingFile.name());
     if (!mOpen) {
         pellumDoLog(Severity::Warning, "SinkHDF5 already closed", {});
     }
@@ -388,8 +392,13 @@ void SinkHDF5::close() {
     }
     closeHdf5Objects(failure);
     // The recording takes the file's name when it holds something (or all there was to hold);
-    // a recording of nothing leaves an older file of that name as it was.
-    mRecordingFile.publish(state == RecordingState::Complete || mCheckpointValues > 0);
+    // a recording of nothing leaves an older file of that name as it was. One whose last words
+    // did not reach the disk keeps its temporary name: its last checkpoint says "recording".
+    if (failure) {
+        mRecordingFile.keep();
+    } else {
+        mRecordingFile.publish(state == RecordingState::Complete || mCheckpointValues > 0);
+    }
     mOpen = false;
     if (failure) {
         std::rethrow_exception(failure);

@@ -28,7 +28,7 @@ public:
     // Data written out is handed to the kernel's write-back in steps of at least this much, and
     // the step before is waited for: at most about two steps and the buffer are written but not
     // yet on disk.
-    static constexpr size_t kWriteBackBytes = 2 * 1024 * 1024;
+    static constexpr size_t kWriteBackBytes = 1024 * 1024;
     static constexpr size_t kMaxUnsyncedBytes = 2 * kWriteBackBytes + kBufferBytes;
 
     // File access properties that select the driver.

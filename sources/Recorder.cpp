@@ -1,6 +1,7 @@
 #include "sources/Recorder.h"
 
 #include "platform/Sleep.h"
+#include "platform/Waiting.h"
 
 #include <cerrno>
 #include <cstring>
@@ -123,6 +124,7 @@ uint32_t Recorder::readAvailable(uint8_t* buffer, uint32_t bufferLen) {
         mNothingPending = true;
         return 0;
     }
+    const WaitingFor waiting(Waiting::Device, mDevicePath);
     const ssize_t n = ::read(fd, buffer, bufferLen);
     if (n > 0) {
         mEndOfFile = false;
@@ -250,8 +252,11 @@ void Recorder::setToSysfs(const std::string& entryName, uint32_t value) {
     pellumDoLog(Severity::Debug, "+setToSysfs(entryName=%s, value = 0x%08x)", {}, entryName.c_str(),
                 value);
     const std::string path = mSysfsRoot + "/" + entryName;
-    // O_CREAT as the stream did before: a stand-in control directory starts empty.
-    const int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666);
+    // O_CREAT as the stream did before: a stand-in control directory starts empty. O_NONBLOCK:
+    // an attribute that is no attribute (a FIFO) must not hold the run, or its stop, in open.
+    const WaitingFor waiting(Waiting::Sysfs, path);
+    const int fd =
+        ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NONBLOCK, 0666);
     if (fd < 0) {
         pellumDoLog(Severity::Error, "cannot open sysfs entry %s: %s", {}, path.c_str(),
                     std::strerror(errno));
