@@ -228,6 +228,7 @@ void boundDirtyData(File& file, haddr_t end) {
                           SYNC_FILE_RANGE_WAIT_BEFORE | SYNC_FILE_RANGE_WRITE |
                               SYNC_FILE_RANGE_WAIT_AFTER);
         file.waitedFor = file.writeBackFrom;
+        logOperation(WriteBehindDriver::Operation::WrittenBack, file.waitedFor);
     }
     file.writeBackFrom = to;
 }

@@ -25,11 +25,11 @@ namespace quarvel {
 class WriteBehindDriver {
 public:
     static constexpr size_t kBufferBytes = 256 * 1024;
-    // Data written out is handed to the kernel's write-back in steps of at least this much, and
-    // the step before is waited for: at most about two steps and the buffer are written but not
-    // yet on disk.
+    // Data written out is handed to the kernel's write-back in steps of at least this much (a
+    // step ends with a buffer's write, so it may be longer by one), and the step before is waited
+    // for: at most two steps are written but not yet on disk.
     static constexpr size_t kWriteBackBytes = 1024 * 1024;
-    static constexpr size_t kMaxUnsyncedBytes = 2 * kWriteBackBytes + kBufferBytes;
+    static constexpr size_t kMaxUnsyncedBytes = 2 * (kWriteBackBytes + kBufferBytes);
 
     // File access properties that select the driver.
     static H5::FileAccPropList fileAccess();
@@ -47,8 +47,10 @@ public:
     // What the driver does to a file, in order, for tests that rebuild the file as a crash at
     // any moment would leave it.
     struct Operation {
-        enum Kind { Write, Sync, Truncate, Committed } kind = Write;
-        uint64_t offset = 0; // Write: where; Truncate: the new size
+        // WrittenBack: the kernel has written the data up to offset to the disk (not a sync:
+        // the disk's own cache may still hold it).
+        enum Kind { Write, Sync, Truncate, Committed, WrittenBack } kind = Write;
+        uint64_t offset = 0; // Write: where; Truncate: the new size; WrittenBack: up to where
         std::vector<uint8_t> data;
     };
     using OperationLog = std::function<void(const Operation&)>;

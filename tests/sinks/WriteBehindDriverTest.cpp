@@ -3,6 +3,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <csignal>
 #include <string>
@@ -69,7 +70,7 @@ TEST(WriteBehindDriver, OnlyNewDataReachesTheDiskUntilACommitBringsTheRestThroug
     EXPECT_TRUE(readFile(driver.path) == expected) << "cut back to the end, without the journal";
     std::string kinds;
     for (const Op& op : ops) {
-        kinds += "wstc"[op.kind];
+        kinds += "wstcb"[op.kind];
     }
     // Data synced; journal, synced; the blocks in place (the header in its three pieces),
     // synced; the journal cut off.
@@ -81,6 +82,29 @@ TEST(WriteBehindDriver, OnlyNewDataReachesTheDiskUntilACommitBringsTheRestThroug
 
     ASSERT_GE(driver.write(H5FD_MEM_DRAW, 100, "x"), 0);
     EXPECT_EQ(readFile(driver.path)[100], 'a') << "below the committed end, data waits too";
+}
+
+// On a slow card the recording must go at the card's pace, not fill the memory with dirty pages.
+TEST(WriteBehindDriver, DataWrittenButNotYetOnDiskStaysBounded) {
+    Driver driver;
+    ASSERT_GE(H5FDset_eoa(driver.file, H5FD_MEM_DEFAULT, 64 << 20), 0);
+    uint64_t written = 0, writtenBack = 0, most = 0, waits = 0;
+    WriteBehindDriver::setOperationLog([&](const WriteBehindDriver::Operation& op) {
+        if (op.kind == WriteBehindDriver::Operation::Write) {
+            written = std::max<uint64_t>(written, op.offset + op.data.size());
+            most = std::max(most, written - writtenBack);
+        } else if (op.kind == WriteBehindDriver::Operation::WrittenBack) {
+            writtenBack = op.offset;
+            ++waits;
+        }
+    });
+    const test::Finally stopLogging{[] { WriteBehindDriver::setOperationLog({}); }};
+    const std::string piece(100000, 'x');
+    for (haddr_t at = 0; at < (24u << 20); at += piece.size()) {
+        ASSERT_GE(driver.write(H5FD_MEM_DRAW, at, piece), 0);
+    }
+    EXPECT_GE(waits, 10u);
+    EXPECT_LE(most, WriteBehindDriver::kMaxUnsyncedBytes);
 }
 
 // The file keeps what it held at the failure: no later metadata may describe lost data.
