@@ -10,7 +10,7 @@ packages=(
   libboost-program-options-dev
   libglibmm-2.4-dev
   libgtest-dev libgmock-dev
-  python3 python3-h5py python3-numpy time util-linux mount
+  python3 python3-h5py python3-numpy time strace util-linux mount
   groff-base bash-completion
 )
 

@@ -319,11 +319,14 @@ bool SinkHDF5::writeOldestChunk(bool wait) {
     return true;
 }
 
-// Every whole chunk handed to the workers so far, compressed and written.
+// Every whole chunk handed to the workers so far, compressed and written. The chunk being filled
+// is not among them: its bytes move on to the buffer that the next chunk is filled in.
 void SinkHDF5::writeEveryChunk() {
+    mPartialChunk.assign(mCompressor->fillBuffer(), mCompressor->fillBuffer() + mFill);
     mCompressor->flush();
     while (writeOldestChunk(true)) {
     }
+    std::memcpy(mCompressor->fillBuffer(), mPartialChunk.data(), mFill);
 }
 
 // The last chunk is padded to its full size, as HDF5 stores edge chunks.

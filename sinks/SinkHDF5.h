@@ -12,6 +12,7 @@
 #include <exception>
 #include <memory>
 #include <string>
+#include <vector>
 
 namespace H5 {
 class H5File;
@@ -112,8 +113,9 @@ private:
     std::unique_ptr<H5::DataSet> mDataSet;
     RecordingAttributes mAttributes;
     std::unique_ptr<ChunkCompressor> mCompressor;
-    size_t mFill = 0;            // bytes in the chunk being filled
-    uint64_t mChunksWritten = 0; // chunks handed to HDF5
+    size_t mFill = 0;                   // bytes in the chunk being filled
+    std::vector<uint8_t> mPartialChunk; // its bytes while a checkpoint writes the others
+    uint64_t mChunksWritten = 0;        // chunks handed to HDF5
     uint32_t mTotalSize = 0;
     uint32_t mWriteOffset = 0;
     const uint32_t mElementSize = 4;

@@ -6,6 +6,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <chrono>
 #include <stdexcept>
 #include <string>
 #include <thread>
@@ -273,6 +274,28 @@ TEST(SinkHDF5, TheFileSaysHowTheRecordingEnded) {
     }
     EXPECT_EQ(test::readFile(path), "an older file");
     EXPECT_NE(::access(SinkHDF5::temporaryName(path).c_str(), F_OK), 0);
+}
+
+// Regression: a checkpoint while a chunk was half filled sent its batch to the workers and went
+// on filling a fresh buffer, losing the half already there.
+TEST(SinkHDF5, CheckpointsInTheMiddleOfAChunkKeepEveryValue) {
+    TempDir dir;
+    const std::string path = dir.file("out.h5");
+    std::vector<int32_t> values(3 * 4096 + 77);
+    for (size_t i = 0; i < values.size(); ++i) {
+        values[i] = static_cast<int32_t>(i * 2654435761u);
+    }
+    {
+        SinkHDF5 sink(path, SinkHDF5::kDefaultMetadataCacheBytes, 1, std::chrono::milliseconds(0));
+        sink.open(static_cast<uint32_t>(values.size() * 4));
+        for (size_t at = 0; at < values.size() * 4; at += 6000) {
+            const auto len = static_cast<uint32_t>(std::min<size_t>(6000, values.size() * 4 - at));
+            ASSERT_EQ(sink.write(bytesOf(values) + at, len), len);
+            sink.idle(); // a checkpoint each time
+        }
+        sink.close();
+    }
+    EXPECT_TRUE(storedValues(path) == values);
 }
 
 } // namespace
