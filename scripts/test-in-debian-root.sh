@@ -18,7 +18,11 @@ if [[ $# -ne 1 || -z "$1" ]]; then
 fi
 release="$1"
 repo="$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd -P)"
-root="${QUARVEL_DEBIAN_ROOT:-$repo/build-$release-root}"
+root="$(realpath -m "${QUARVEL_DEBIAN_ROOT:-$repo/build-$release-root}")"
+if [[ "$root" == / ]]; then
+  echo "$0: refusing to use / as the root" >&2
+  exit 1
+fi
 # shellcheck source=scripts/debian-mirror.sh
 . "$repo/scripts/debian-mirror.sh"
 
