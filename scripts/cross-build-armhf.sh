@@ -3,7 +3,8 @@
 # under qemu-arm and builds the board's Debian package, in one go:
 #   scripts/cross-build-armhf.sh [extra ctest arguments, e.g. -R Decoder]
 #
-# Installs the host packages it needs, makes the armhf sysroot, configures build-armhf
+# Installs the host packages it needs, makes the armhf sysroot of the build machine's Debian
+# release (the one its cross compiler belongs to), configures build-armhf
 # with cmake/toolchain-armhf.cmake, builds, checks the binary is 32-bit ARM, runs ctest and
 # makes build-armhf/quarvel_<version>_armhf.deb (checked with lintian when it is installed).
 # Environment: QUARVEL_SYSROOT (default <repo>/sysroot-armhf; point it outside the

@@ -1,35 +1,46 @@
 #!/usr/bin/env bash
 # Makes a Debian armhf sysroot for cross-building quarvel:
-#   scripts/make-armhf-sysroot.sh SYSROOT
+#   scripts/make-armhf-sysroot.sh SYSROOT [RELEASE]
 #
 # The sysroot holds the ARM headers and libraries the build links against and the
-# runtime qemu-arm needs to run the tests. Packages come from the Debian mirror the
-# host's apt configuration uses (override with QUARVEL_DEBIAN_MIRROR); the suite is
-# bookworm (QUARVEL_DEBIAN_SUITE). Runs as root, unattended. A complete sysroot is
-# recognised by its stamp file and left alone, so calling it again is cheap.
+# runtime qemu-arm needs to run the tests. RELEASE (bookworm or trixie) is the build
+# machine's by default, whose cross compiler must match the sysroot's C++ library.
+# Packages come from the Debian mirror the host's apt configuration uses (override with
+# QUARVEL_DEBIAN_MIRROR). Runs as root, unattended. A complete sysroot is recognised by
+# its stamp file and left alone, so calling it again is cheap.
 set -euo pipefail
 
 usage() {
-  echo "usage: $0 SYSROOT" >&2
+  echo "usage: $0 SYSROOT [RELEASE]" >&2
   exit 2
 }
 
-[[ $# -eq 1 && -n "$1" ]] || usage
+[[ ($# -eq 1 || $# -eq 2) && -n "$1" ]] || usage
+# shellcheck source=scripts/debian-mirror.sh
+. "$(dirname "${BASH_SOURCE[0]}")/debian-mirror.sh"
 
 if [[ $(id -u) -ne 0 ]]; then
   echo "$0: must run as root (debootstrap needs it)" >&2
   exit 1
 fi
 
-suite="${QUARVEL_DEBIAN_SUITE:-bookworm}"
+suite="${2:-$(debian_release)}"
 arch=armhf
 triplet=arm-linux-gnueabihf
 
 # The compiler brings its own libstdc++ headers only for the host's default root, so the
-# sysroot carries libc6-dev and libstdc++-12-dev matching the cross gcc 12 of bookworm.
+# sysroot carries libc6-dev and the libstdc++ of the release's cross gcc.
+case "$suite" in
+bookworm) gcc_major=12 ;;
+trixie) gcc_major=14 ;;
+*)
+  echo "$0: no known gcc for release '$suite' (bookworm, trixie)" >&2
+  exit 2
+  ;;
+esac
 packages=(
   libc6-dev
-  libstdc++-12-dev
+  "libstdc++-$gcc_major-dev"
   zlib1g-dev
   libaec-dev
   libdeflate-dev
@@ -75,17 +86,7 @@ for tool in debootstrap dpkg-deb tar realpath; do
   fi
 done
 
-# The mirror is the one apt already uses for the suite, so no host is hard-coded here.
-mirror="${QUARVEL_DEBIAN_MIRROR:-}"
-if [[ -z "$mirror" ]]; then
-  # shellcheck disable=SC2016 # apt expands $(REPO_URI), not the shell
-  mirror="$(apt-get indextargets --format '$(REPO_URI) $(RELEASE)' 'Identifier: Packages' 2>/dev/null |
-    awk -v s="$suite" '$2 == s { print $1; exit }')"
-fi
-if [[ -z "$mirror" ]]; then
-  echo "$0: no apt source for suite '$suite' found; set QUARVEL_DEBIAN_MIRROR to a Debian mirror URL" >&2
-  exit 1
-fi
+mirror="$(debian_mirror "$suite")"
 
 include="$(
   IFS=,
@@ -140,7 +141,7 @@ for needed in \
   "usr/lib/$triplet/pkgconfig/glibmm-2.4.pc" \
   "usr/lib/$triplet/pkgconfig/libdeflate.pc" \
   "usr/lib/$triplet/cmake/GTest/GTestConfig.cmake" \
-  "usr/include/c++/12/vector"; do
+  "usr/include/c++/$gcc_major/vector"; do
   if [[ ! -e "$sysroot/$needed" ]]; then
     echo "$0: sysroot is missing $needed" >&2
     exit 1

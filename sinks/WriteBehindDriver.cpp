@@ -444,6 +444,11 @@ herr_t unlock(H5FD_t* handle) {
 
 H5FD_class_t makeClass() {
     H5FD_class_t driver{};
+#if H5_VERSION_GE(1, 13, 0)
+    // HDF5 refuses a table of another layout; the values below H5_VFD_RESERVED are its own.
+    driver.version = H5FD_CLASS_VERSION;
+    driver.value = H5_VFD_RESERVED;
+#endif
     driver.name = "quarvel_write_behind";
     driver.maxaddr = static_cast<haddr_t>(INT64_MAX);
     driver.fc_degree = H5F_CLOSE_WEAK;
