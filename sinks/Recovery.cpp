@@ -91,6 +91,22 @@ bool settle(int fd, Undo* undo) {
     return ::ftruncate(fd, static_cast<off_t>(offset)) == 0 && ::fsync(fd) == 0;
 }
 
+// The attributes could claim values that the chunk index does not reach.
+bool lastValueReads(hid_t dataSet, uint64_t recorded) {
+    if (recorded == 0) {
+        return true;
+    }
+    const hid_t space = H5Dget_space(dataSet);
+    const hsize_t at = recorded - 1, one = 1;
+    int32_t value = 0;
+    const hid_t memory = H5Screate_simple(1, &one, nullptr);
+    const bool ok = H5Sselect_hyperslab(space, H5S_SELECT_SET, &at, nullptr, &one, nullptr) >= 0 &&
+                    H5Dread(dataSet, H5T_NATIVE_INT32, memory, space, H5P_DEFAULT, &value) >= 0;
+    H5Sclose(memory);
+    H5Sclose(space);
+    return ok;
+}
+
 // What HDF5 reads of the recording's attributes; false when it is none.
 bool readRecording(const std::string& path, Recovery& result) {
     H5Eset_auto2(H5E_DEFAULT, nullptr, nullptr);
@@ -113,6 +129,7 @@ bool readRecording(const std::string& path, Recovery& result) {
         H5Tclose(type);
         H5Aclose(state);
         H5Aclose(values);
+        ok = ok && lastValueReads(dataSet, result.recordedValues);
     }
     if (!ok) {
         result.reason = "it holds no quarvel recording";
