@@ -3,6 +3,7 @@
 #include "dataflow/WholeWords.h"
 #include "platform/Waiting.h"
 #include "sinks/ChunkCompressor.h"
+#include "sinks/ChunkWriter.h"
 #include "sinks/Hdf5Support.h"
 #include "sinks/WriteBehindDriver.h"
 
@@ -158,9 +159,8 @@ void SinkHDF5::createFileAndDataSet() {
     mDataSet = std::move(dataSet);
     mDataSpace = std::move(dataSpace);
     mFile = std::move(file);
-    mCompressor = std::make_unique<ChunkCompressor>(chunkDims[0] * mElementSize, mWorkers);
-    mFill = 0;
-    mChunksWritten = 0;
+    mChunks =
+        std::make_unique<ChunkWriter>(mDataSet->getId(), chunkDims[0] * mElementSize, mWorkers);
     mRecordingFile.noteValues(0);
     mCheckpointValues = 0;
     mWriteFailed = false;
@@ -207,7 +207,7 @@ uint32_t SinkHDF5::write(const uint8_t* buffer, uint32_t len) {
         if (room < len) {
             // Counted uncompressed, what waits in the compressor may seem not to fit: look again
             // with it in the file.
-            writeEveryChunk();
+            mChunks->writeEveryChunk();
             mFile->flush(H5F_SCOPE_LOCAL);
             room = mRecordingFile.roomFor(len, closeNeeds(), refusal);
         }
@@ -221,14 +221,14 @@ uint32_t SinkHDF5::write(const uint8_t* buffer, uint32_t len) {
         }
         pellumDoLog(Severity::Debug, "~write: selecting hyperslab", {});
         pellumDoLog(Severity::Debug, "~wirte: writting data", {});
-        appendValues(buffer, values * mElementSize);
+        mChunks->append(buffer, values * mElementSize);
         pellumDoLog(Severity::Debug, "~write: selectNone", {});
 
         mWriteOffset += values;
         mRecordingFile.noteValues(mWriteOffset);
         pellumDoLog(Severity::Info, "-write(%u): wrote %u values", {}, len, values);
         if (mAttributes.checkpointDue()) {
-            writeEveryChunk();
+            mChunks->writeEveryChunk();
             checkpoint();
         }
     } catch (const H5::Exception& error) {
@@ -245,8 +245,8 @@ uint32_t SinkHDF5::write(const uint8_t* buffer, uint32_t len) {
 uint64_t SinkHDF5::closeNeeds() const {
     constexpr uint64_t kMarginBytes = 8 << 10;
     const uint64_t notHandedOver =
-        uint64_t{mWriteOffset} * mElementSize - mChunksWritten * mCompressor->chunkBytes();
-    return notHandedOver + mCompressor->chunkBytes() +
+        uint64_t{mWriteOffset} * mElementSize - mChunks->chunksWritten() * mChunks->chunkBytes();
+    return notHandedOver + mChunks->chunkBytes() +
            2 * WriteBehindDriver::pendingBytes(mFile->getId()) + kMarginBytes;
 }
 
@@ -258,7 +258,7 @@ void SinkHDF5::idle() {
         return;
     }
     try {
-        writeEveryChunk();
+        mChunks->writeEveryChunk();
         checkpoint();
     } catch (const H5::Exception& error) {
         noteWriteFailure(error, errno);
@@ -276,73 +276,10 @@ void SinkHDF5::noteWriteFailure(const H5::Exception& error, int systemError) {
     }
 }
 
-// Whole chunks go to the workers; a partial one waits in its buffer until it is full.
-void SinkHDF5::appendValues(const uint8_t* bytes, size_t length) {
-    const size_t chunkBytes = mCompressor->chunkBytes();
-    while (length > 0) {
-        if (mFill == 0) {
-            while (mCompressor->full()) {
-                writeOldestChunk(true);
-            }
-        }
-        const size_t take = std::min(length, chunkBytes - mFill);
-        std::memcpy(mCompressor->fillBuffer() + mFill, bytes, take);
-        mFill += take;
-        bytes += take;
-        length -= take;
-        if (mFill == chunkBytes) {
-            mCompressor->submit();
-            mFill = 0;
-        }
-    }
-    while (writeOldestChunk(false)) {
-    }
-}
-
-// In order, so that the values in the file always run from index 0 without gaps.
-bool SinkHDF5::writeOldestChunk(bool wait) {
-    const ChunkCompressor::Chunk chunk = mCompressor->takeOldest(wait);
-    if (chunk.data == nullptr) {
-        return false;
-    }
-    const hsize_t offset[1] = {mChunksWritten * mCompressor->chunkBytes() / mElementSize};
-    // Bit 0 of the filter mask: the deflate filter was skipped for this chunk.
-    const uint32_t filterMask = chunk.compressed ? 0u : 1u;
-    errno = 0;
-    const herr_t status =
-        H5Dwrite_chunk(mDataSet->getId(), H5P_DEFAULT, filterMask, offset, chunk.size, chunk.data);
-    mCompressor->release();
-    if (status < 0) {
-        throw H5::DataSetIException("SinkHDF5::write", "H5Dwrite_chunk failed");
-    }
-    ++mChunksWritten;
-    return true;
-}
-
-// Every whole chunk handed to the workers so far, compressed and written. The chunk being filled
-// is not among them: its bytes move on to the buffer that the next chunk is filled in.
-void SinkHDF5::writeEveryChunk() {
-    mPartialChunk.assign(mCompressor->fillBuffer(), mCompressor->fillBuffer() + mFill);
-    mCompressor->flush();
-    while (writeOldestChunk(true)) {
-    }
-    std::memcpy(mCompressor->fillBuffer(), mPartialChunk.data(), mFill);
-}
-
-// The last chunk is padded to its full size, as HDF5 stores edge chunks.
-void SinkHDF5::finishChunks() {
-    if (mFill > 0) {
-        std::memset(mCompressor->fillBuffer() + mFill, 0, mCompressor->chunkBytes() - mFill);
-        mCompressor->submit();
-        mFill = 0;
-    }
-    writeEveryChunk();
-}
-
 // Values in chunks handed to HDF5, from index 0 without gaps.
 uint64_t SinkHDF5::storedValues() const {
     const uint64_t inChunks =
-        mCompressor ? mChunksWritten * mCompressor->chunkBytes() / mElementSize : 0;
+        mChunks ? mChunks->chunksWritten() * mChunks->chunkBytes() / mElementSize : 0;
     return std::min<uint64_t>(inChunks, mWriteOffset);
 }
 
@@ -376,7 +313,7 @@ void SinkHDF5::close() {
     if (mOpen && mDataSet) {
         if (!mWriteFailed) {
             try {
-                finishChunks();
+                mChunks->finish();
             } catch (const H5::Exception& error) {
                 noteWriteFailure(error, errno);
                 failure = std::current_exception();

@@ -23,12 +23,13 @@ class Exception;
 
 namespace quarvel {
 
-class ChunkCompressor;
+class ChunkWriter;
 
 // Stores the bytes it receives, read as little-endian int32 values, in the chunked and
 // deflate-compressed one-dimensional dataset "quarvel" (big-endian int32) of a new HDF5 file.
 // Chunks are compressed by a pool of worker threads (HDF5 itself would use one core) and
-// written in order with HDF5's direct chunk write; every HDF5 call stays on the caller's thread.
+// written in order with HDF5's direct chunk write (ChunkWriter); every HDF5 call stays on the
+// caller's thread.
 //
 // The file's life on disk (FILE.part, its lock, the rename) is RecordingFile's; what the file
 // says about itself, and when it says it (a checkpoint at least once a second, also while no
@@ -93,10 +94,6 @@ private:
     void dropHdf5Objects();
     void createFileAndDataSet();
     void checkpoint();
-    void appendValues(const uint8_t* bytes, size_t length);
-    bool writeOldestChunk(bool wait);
-    void writeEveryChunk();
-    void finishChunks();
     uint64_t storedValues() const;
     uint64_t closeNeeds() const;
     void noteWriteFailure(const H5::Exception& error, int systemError);
@@ -112,10 +109,7 @@ private:
     std::unique_ptr<H5::DataSpace> mDataSpace;
     std::unique_ptr<H5::DataSet> mDataSet;
     RecordingAttributes mAttributes;
-    std::unique_ptr<ChunkCompressor> mCompressor;
-    size_t mFill = 0;                   // bytes in the chunk being filled
-    std::vector<uint8_t> mPartialChunk; // its bytes while a checkpoint writes the others
-    uint64_t mChunksWritten = 0;        // chunks handed to HDF5
+    std::unique_ptr<ChunkWriter> mChunks;
     uint32_t mTotalSize = 0;
     uint32_t mWriteOffset = 0;
     const uint32_t mElementSize = 4;
