@@ -141,8 +141,10 @@ struct File {
     int failure = 0;                    // errno of the write that failed, for good
     int fd = -1;
     bool writable = false;
+    bool dataSinceSync = true; // written since the last sync
     haddr_t writeBackFrom = 0; // write-back started up to here
-    haddr_t waitedFor = 0;     // and waited for up to here
+    haddr_t lastStep = 0;      // where the last step began
+    haddr_t waitedFor = 0;     // write-back waited for up to here
 };
 static_assert(std::is_standard_layout_v<File>, "HDF5 holds a File by its leading H5FD_t");
 
@@ -195,6 +197,7 @@ herr_t fail(File& file, int error) {
 
 herr_t writeThrough(File& file, H5FD_mem_t type, haddr_t address, size_t size, const void* data) {
     logOperation(WriteBehindDriver::Operation::Write, address, data, size);
+    file.dataSinceSync = true;
     errno = 0;
     if (H5FDwrite(file.inner, type, H5P_DEFAULT, address, size, data) < 0) {
         return fail(file, errno);
@@ -207,13 +210,15 @@ herr_t syncFile(File& file) {
     if (file.fd >= 0 && ::fdatasync(file.fd) != 0) {
         return fail(file, errno);
     }
+    file.dataSinceSync = false;
     return 0;
 }
 
 // Bounds the data written but not yet on disk. Every kWriteBackBytes the kernel is asked to start
-// writing the new range, and the range before it is waited for: on a slow card the recording then
-// goes at the card's speed, instead of filling the board's memory with dirty pages that a stop or
-// a commit's sync would then wait for all at once. The syncs see the failures.
+// writing the new step, and the step before the last one is waited for (it has had a step's time
+// to reach the disk, so the wait is mostly none): on a slow card the recording then goes at the
+// card's speed, instead of filling the board's memory with dirty pages that a stop or a commit's
+// sync would then wait for all at once. The syncs see the failures.
 void boundDirtyData(File& file, haddr_t end) {
     constexpr haddr_t kPage = 4096;
     const haddr_t to = end / kPage * kPage; // a partial last page will be written again
@@ -222,14 +227,15 @@ void boundDirtyData(File& file, haddr_t end) {
     }
     ::sync_file_range(file.fd, static_cast<off_t>(file.writeBackFrom),
                       static_cast<off_t>(to - file.writeBackFrom), SYNC_FILE_RANGE_WRITE);
-    if (file.writeBackFrom > file.waitedFor) {
+    if (file.lastStep > file.waitedFor) {
         ::sync_file_range(file.fd, static_cast<off_t>(file.waitedFor),
-                          static_cast<off_t>(file.writeBackFrom - file.waitedFor),
+                          static_cast<off_t>(file.lastStep - file.waitedFor),
                           SYNC_FILE_RANGE_WAIT_BEFORE | SYNC_FILE_RANGE_WRITE |
                               SYNC_FILE_RANGE_WAIT_AFTER);
-        file.waitedFor = file.writeBackFrom;
+        file.waitedFor = file.lastStep;
         logOperation(WriteBehindDriver::Operation::WrittenBack, file.waitedFor);
     }
+    file.lastStep = file.writeBackFrom;
     file.writeBackFrom = to;
 }
 
@@ -250,7 +256,7 @@ herr_t writeBuffer(File& file) {
 }
 
 herr_t commitFile(File& file) {
-    if (writeBuffer(file) < 0 || syncFile(file) < 0) {
+    if (writeBuffer(file) < 0 || (file.dataSinceSync && syncFile(file) < 0)) {
         return -1;
     }
     const haddr_t end = H5FDget_eoa(file.inner, H5FD_MEM_SUPER);
@@ -259,14 +265,19 @@ herr_t commitFile(File& file) {
         return 0;
     }
     Journal journal{file.sequence + 1, end, file.held->inCommitOrder()};
+    // A file that has never been committed has no checkpoint to keep: no journal for it.
+    const bool journaled = file.committedEnd > 0;
     struct stat info {};
-    if (::fstat(file.fd, &info) != 0) {
+    if (journaled && ::fstat(file.fd, &info) != 0) {
         return fail(file, errno);
     }
     // Beyond everything, so that it overwrites nothing the last commit may need.
     const uint64_t at = std::max<uint64_t>(static_cast<uint64_t>(info.st_size), end);
-    const std::vector<uint8_t> bytes = encodeJournal(journal, at);
-    logOperation(WriteBehindDriver::Operation::Write, at, bytes.data(), bytes.size());
+    const std::vector<uint8_t> bytes =
+        journaled ? encodeJournal(journal, at) : std::vector<uint8_t>();
+    if (journaled) {
+        logOperation(WriteBehindDriver::Operation::Write, at, bytes.data(), bytes.size());
+    }
     for (size_t done = 0; done < bytes.size();) {
         const ssize_t n = ::pwrite(file.fd, bytes.data() + done, bytes.size() - done,
                                    static_cast<off_t>(at + done));
@@ -275,7 +286,7 @@ herr_t commitFile(File& file) {
         }
         done += n > 0 ? static_cast<size_t>(n) : 0;
     }
-    if (syncFile(file) < 0) {
+    if (journaled && syncFile(file) < 0) {
         return -1;
     }
     for (const JournalBlock& block : journal.blocks) {

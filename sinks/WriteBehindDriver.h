@@ -26,10 +26,10 @@ class WriteBehindDriver {
 public:
     static constexpr size_t kBufferBytes = 256 * 1024;
     // Data written out is handed to the kernel's write-back in steps of at least this much (a
-    // step ends with a buffer's write, so it may be longer by one), and the step before is waited
-    // for: at most two steps are written but not yet on disk.
-    static constexpr size_t kWriteBackBytes = 1024 * 1024;
-    static constexpr size_t kMaxUnsyncedBytes = 2 * (kWriteBackBytes + kBufferBytes);
+    // step ends with a buffer's write, so it may be longer by one), and the step before the last
+    // is waited for: at most three steps are written but not yet on disk.
+    static constexpr size_t kWriteBackBytes = 512 * 1024;
+    static constexpr size_t kMaxUnsyncedBytes = 3 * (kWriteBackBytes + kBufferBytes);
 
     // File access properties that select the driver.
     static H5::FileAccPropList fileAccess();

@@ -43,45 +43,58 @@ struct Driver {
 TEST(WriteBehindDriver, OnlyNewDataReachesTheDiskUntilACommitBringsTheRestThroughAJournal) {
     Driver driver;
     using Op = WriteBehindDriver::Operation;
+    // A first checkpoint of 4 KiB, written in place: before it there was nothing to keep.
+    constexpr haddr_t kBase = 4096;
+    ASSERT_GE(H5FDset_eoa(driver.file, H5FD_MEM_DEFAULT, kBase), 0);
+    ASSERT_GE(driver.write(H5FD_MEM_SUPER, 0, "super"), 0);
+    ASSERT_TRUE(WriteBehindDriver::commit(driver.file));
+    ASSERT_GE(H5FDset_eoa(driver.file, H5FD_MEM_DEFAULT, 1 << 20), 0);
+    std::string expected(kBase, '\0');
+    expected.replace(0, 5, "super");
+    EXPECT_EQ(readFile(driver.path), expected);
+
     std::vector<Op> ops;
     WriteBehindDriver::setOperationLog([&](const Op& op) { ops.push_back(op); });
     const test::Finally stopLogging{[] { WriteBehindDriver::setOperationLog({}); }};
     const std::string first(3000, 'a'), second(2000, 'b'), header(50, 'h'), index(60, 'i');
-    ASSERT_GE(driver.write(H5FD_MEM_DRAW, 0, first), 0);
-    ASSERT_GE(driver.write(H5FD_MEM_DRAW, 3000, second), 0);
-    EXPECT_TRUE(readFile(driver.path).empty()) << "neighbouring chunks are gathered";
-    ASSERT_GE(driver.write(H5FD_MEM_OHDR, 8000, header), 0);
-    ASSERT_GE(driver.write(H5FD_MEM_BTREE, 6000, index), 0);
-    ASSERT_GE(driver.write(H5FD_MEM_OHDR, 8010, "new"), 0);
+    ASSERT_GE(driver.write(H5FD_MEM_DRAW, kBase, first), 0);
+    ASSERT_GE(driver.write(H5FD_MEM_DRAW, kBase + 3000, second), 0);
+    EXPECT_EQ(readFile(driver.path).size(), kBase) << "neighbouring chunks are gathered";
+    ASSERT_GE(driver.write(H5FD_MEM_OHDR, kBase + 8000, header), 0);
+    ASSERT_GE(driver.write(H5FD_MEM_BTREE, kBase + 6000, index), 0);
+    ASSERT_GE(driver.write(H5FD_MEM_OHDR, kBase + 8010, "new"), 0);
+    ASSERT_GE(driver.write(H5FD_MEM_SUPER, 0, "SUPER"), 0);
     std::string back(16, '\0');
-    ASSERT_GE(H5FDread(driver.file, H5FD_MEM_OHDR, H5P_DEFAULT, 4995, 6, &back[0]), 0);
+    ASSERT_GE(H5FDread(driver.file, H5FD_MEM_OHDR, H5P_DEFAULT, kBase + 4995, 6, &back[0]), 0);
     EXPECT_EQ(back.substr(0, 6), std::string("bbbbb\0", 6));
-    ASSERT_GE(H5FDread(driver.file, H5FD_MEM_OHDR, H5P_DEFAULT, 8008, 6, &back[0]), 0);
+    ASSERT_GE(H5FDread(driver.file, H5FD_MEM_OHDR, H5P_DEFAULT, kBase + 8008, 6, &back[0]), 0);
     EXPECT_EQ(back.substr(0, 6), "hhnewh");
-    EXPECT_EQ(readFile(driver.path), first + second) << "no metadata before the commit";
+    EXPECT_EQ(readFile(driver.path), expected + first + second) << "no metadata before the commit";
 
     ops.clear();
     ASSERT_TRUE(WriteBehindDriver::commit(driver.file));
-    std::string expected(1 << 20, '\0');
-    expected.replace(0, 5000, first + second);
-    expected.replace(6000, 60, index);
-    expected.replace(8000, 50, header);
-    expected.replace(8010, 3, "new");
+    expected.resize(1 << 20, '\0');
+    expected.replace(0, 5, "SUPER");
+    expected.replace(kBase, 5000, first + second);
+    expected.replace(kBase + 6000, 60, index);
+    expected.replace(kBase + 8000, 50, header);
+    expected.replace(kBase + 8010, 3, "new");
     EXPECT_TRUE(readFile(driver.path) == expected) << "cut back to the end, without the journal";
     std::string kinds;
     for (const Op& op : ops) {
         kinds += "wstcb"[op.kind];
     }
-    // Data synced; journal, synced; the blocks in place (the header in its three pieces),
-    // synced; the journal cut off.
-    EXPECT_EQ(kinds, "swswwwwstc");
-    ASSERT_EQ(ops.size(), 10u);
-    EXPECT_GE(ops[1].offset, 5000u) << "the journal overwrites nothing";
-    EXPECT_EQ(ops[3].offset, 6000u) << "the index before the object header";
-    EXPECT_EQ(ops[8].offset, uint64_t{1} << 20);
+    // Data synced; journal, synced; the blocks in place (the index, the superblock, the header
+    // in its three pieces), synced; the journal cut off.
+    EXPECT_EQ(kinds, "swswwwwwstc");
+    ASSERT_EQ(ops.size(), 11u);
+    EXPECT_GE(ops[1].offset, kBase + 5000) << "the journal overwrites nothing";
+    EXPECT_EQ(ops[3].offset, kBase + 6000) << "the index first";
+    EXPECT_EQ(ops[4].offset, 0u) << "then the superblock, the object header last";
+    EXPECT_EQ(ops[9].offset, uint64_t{1} << 20);
 
-    ASSERT_GE(driver.write(H5FD_MEM_DRAW, 100, "x"), 0);
-    EXPECT_EQ(readFile(driver.path)[100], 'a') << "below the committed end, data waits too";
+    ASSERT_GE(driver.write(H5FD_MEM_DRAW, kBase + 100, "x"), 0);
+    EXPECT_EQ(readFile(driver.path)[kBase + 100], 'a') << "below the committed end, data waits";
 }
 
 // On a slow card the recording must go at the card's pace, not fill the memory with dirty pages.
