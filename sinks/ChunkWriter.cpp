@@ -59,7 +59,9 @@ void ChunkWriter::writeEveryChunk() {
     mCompressor.flush();
     while (writeOldestChunk(true)) {
     }
-    std::memcpy(mCompressor.fillBuffer(), mPartialChunk.data(), mFill);
+    if (mFill > 0) {
+        std::memcpy(mCompressor.fillBuffer(), mPartialChunk.data(), mFill);
+    }
 }
 
 void ChunkWriter::finish() {
