@@ -33,12 +33,14 @@ constexpr bool kSlow = kEmulated || sizeof(QUARVEL_SANITIZE) > 1;
 
 struct Launch {
     std::vector<std::string> args;
+    std::string dir = {}; // the working directory, if not the test's
     rlim_t fileSizeLimit = RLIM_INFINITY;
     bool closedStdout = false; // standard output is a pipe nobody reads
 };
 
 struct Finished {
     int exitCode = -1; // -1 when a signal ended the process
+    int signal = 0;    // the signal that did
     std::string out, err;
 };
 
@@ -73,6 +75,7 @@ public:
                 outFd = ends[1];
             }
             if (dup2(outFd, 1) >= 0 && dup2(errFd, 2) >= 0 &&
+                (launch.dir.empty() || chdir(launch.dir.c_str()) == 0) &&
                 (launch.fileSizeLimit == RLIM_INFINITY || setrlimit(RLIMIT_FSIZE, &limit) == 0) &&
                 sigprocmask(SIG_SETMASK, &none, nullptr) == 0) {
                 execv(pointers[0], pointers.data());
@@ -105,7 +108,8 @@ public:
             }
             std::this_thread::sleep_for(std::chrono::milliseconds(1));
         }
-        return {WIFEXITED(mStatus) ? WEXITSTATUS(mStatus) : -1, readFile(mStreams.file("out")),
+        return {WIFEXITED(mStatus) ? WEXITSTATUS(mStatus) : -1,
+                WIFSIGNALED(mStatus) ? WTERMSIG(mStatus) : 0, readFile(mStreams.file("out")),
                 readFile(mStreams.file("err"))};
     }
 

@@ -34,10 +34,10 @@ public:
         mPath = pattern;
     }
     ~TempDir() {
-        nftw(
-            mPath.c_str(),
-            [](const char* p, const struct stat*, int, struct FTW*) { return ::remove(p); }, 16,
-            FTW_DEPTH | FTW_PHYS);
+        const auto remove = [](const char* p, const struct stat*, int, struct FTW*) {
+            return ::remove(p);
+        };
+        nftw(mPath.c_str(), remove, 16, FTW_DEPTH | FTW_PHYS);
     }
     TempDir(const TempDir&) = delete;
     TempDir& operator=(const TempDir&) = delete;
@@ -55,8 +55,7 @@ inline std::string readFile(const std::string& path) {
 }
 
 inline void writeFile(const std::string& path, const std::string& content) {
-    std::ofstream out(path, std::ios::binary | std::ios::trunc);
-    out << content;
+    std::ofstream(path, std::ios::binary | std::ios::trunc) << content;
 }
 
 // Runs `undo` when the scope ends, however it ends: puts back a setting a test changed.
@@ -65,10 +64,10 @@ struct Finally {
     ~Finally() { undo(); }
 };
 
-// Polls a state that another thread or process reaches, with a deadline generous enough for any
-// machine.
-inline bool eventually(const std::function<bool()>& reached) {
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+// Polls a state that another thread or process reaches, with a deadline for any machine.
+inline bool eventually(const std::function<bool()>& reached,
+                       std::chrono::milliseconds limit = std::chrono::seconds(20)) {
+    const auto deadline = std::chrono::steady_clock::now() + limit;
     while (!reached()) {
         if (std::chrono::steady_clock::now() > deadline) {
             return false;
@@ -78,18 +77,23 @@ inline bool eventually(const std::function<bool()>& reached) {
     return true;
 }
 
-// Empty once this process has a mount namespace of its own with a tmpfs over /sys/dev/char, where
-// a regular file's device number 0:0 may have a control directory; otherwise why not. Done once:
-// the namespace cannot be left again.
+// Empty once this process has a mount namespace of its own with a tmpfs over /sys/dev/char,
+// where a regular file's device number 0:0 may have a control directory; otherwise why a test
+// that needs it is skipped. Done once: the namespace cannot be left again.
 inline std::string privateSysfs() {
     static const std::string why = []() -> std::string {
         if (::geteuid() != 0) {
-            return "a private mount namespace needs root";
+            return "needs root for a private mount namespace";
         }
-        if (::unshare(CLONE_NEWNS) != 0 ||
-            ::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
+        if (::unshare(CLONE_NEWNS) != 0) {
+            return errno == EINVAL
+                       ? "needs a private mount namespace, which a chroot refuses "
+                         "(EINVAL)"
+                       : std::string("no private mount namespace: ") + std::strerror(errno);
+        }
+        if (::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
             ::mount("none", "/sys/dev/char", "tmpfs", 0, "mode=0755") != 0) {
-            return std::string("setting up the mount namespace failed: ") + std::strerror(errno);
+            return std::string("no tmpfs over /sys/dev/char: ") + std::strerror(errno);
         }
         return {};
     }();
@@ -97,13 +101,12 @@ inline std::string privateSysfs() {
 }
 
 // Captures what the process writes to standard error (the log goes there) between
-// construction and text(); also raises the log threshold for the duration.
+// construction and text(); also sets the log threshold for the duration.
 class StderrCapture {
 public:
     explicit StderrCapture(int threshold = 5) : mOldThreshold(morvik::pellum::log::threshold()) {
         morvik::pellum::log::setThreshold(threshold);
         std::fflush(stderr);
-        mPath = mDir.file("stderr");
         const int fd = ::open(mPath.c_str(), O_CREAT | O_WRONLY | O_TRUNC, 0600);
         mSaved = ::dup(STDERR_FILENO);
         ::dup2(fd, STDERR_FILENO);
@@ -128,7 +131,7 @@ private:
     }
 
     TempDir mDir;
-    std::string mPath;
+    std::string mPath = mDir.file("stderr");
     int mSaved = -1;
     int mOldThreshold;
 };
