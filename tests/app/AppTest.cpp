@@ -1,4 +1,3 @@
-#include "app/CommandLineOptions.h"
 #include "app/RunEnd.h"
 #include "sinks/SinkHDF5.h"
 
@@ -18,35 +17,6 @@ namespace {
 
 using namespace std::chrono_literals;
 using ::testing::ExitedWithCode;
-
-// Unknown options and extra words are ignored; a prefix that names one option alone is that
-// option, and a value may follow as the next word. A refusal fills no field.
-TEST(CommandLineOptions, AbbreviationsEdgeValuesAndRefusals) {
-    const auto parse = [](std::vector<std::string> words) {
-        words.insert(words.end(), {"--unknown=1", "positional"});
-        return CommandLineOptions(words);
-    };
-    const CommandLineOptions good = parse({"--fi", "a.h5", "--data-b=4096", "--co=mock",
-                                           "--rec=/dev/r", "--src-addr=+256", "--data-r=7"});
-    EXPECT_FALSE(good.hasError());
-    EXPECT_EQ(good.getFile(), "a.h5");
-    EXPECT_EQ(good.getConf(), "mock");
-    EXPECT_EQ(good.getRecDev(), "/dev/r");
-    EXPECT_EQ(good.getDataBytes(), 4096u);
-    EXPECT_EQ(good.getSrcAddr(), 256u);
-    EXPECT_EQ(good.getDataRate(), 55); // the character '7'
-    // --conf=int32 gives the scheme a second time; --d fits --data-bytes and --data-rate.
-    for (const char* bad :
-         {"--data-rate=10", "--src-addr=0x100", "--src-addr=4294967296", "--conf=int32", "--d=5"}) {
-        StderrCapture capture(1);
-        const CommandLineOptions options =
-            parse({"--file", "a.h5", "--data-bytes=4096", "--conf=mock", "--rec-dev=/dev/r", bad});
-        EXPECT_NE(capture.text().find("Parsing command line options failed with '"),
-                  std::string::npos)
-            << bad;
-        EXPECT_TRUE(options.hasError() && options.getFile().empty()) << bad;
-    }
-}
 
 // Holds a deadline of 200 ms for `hold` (a mover stuck in the kernel), releases it, waits
 // 400 ms more and leaves with 0, unless the deadline ended the process first.
@@ -108,8 +78,11 @@ TEST(RunEnd, AbortsTheFilesWriterFirstAndReportsTheFailedMovers) {
     EXPECT_EQ(RunEnd::collectErrors(movers), "decoder broke\n");
 }
 
-// A run whose stop never ends, with two recordings open, one of which holds values.
+// A run whose stop never ends, with two recordings open, one of which holds values, and a
+// progress line not yet flushed.
 void stopHangs(const std::string& dir) {
+    std::freopen((dir + "/stdout").c_str(), "w", stdout);
+    std::fputs("Transfer: 7 MB", stdout);
     const auto log = makeLogger("test");
     RecordingFile empty(dir + "/empty.h5", log), holding(dir + "/holding.h5", log);
     empty.claim();
@@ -127,6 +100,7 @@ TEST(RunEndDeathTest, AStopThatHangsLeavesOnlyRecordingsThatHoldValues) {
                 "^transfer abort requested by user \\(sigterm\\)\nquarvel: a data mover did not");
     EXPECT_FALSE(std::filesystem::exists(dir.file("empty.h5.part")));
     EXPECT_TRUE(std::filesystem::exists(dir.file("holding.h5.part")));
+    EXPECT_EQ(readFile(dir.file("stdout")), "Transfer: 7 MB");
 }
 
 // A file whose close fails (its last writes pass the file size limit) ends an exception's run.

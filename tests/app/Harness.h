@@ -5,19 +5,12 @@
 #include "tests/support/Recording.h"
 #include "tests/support/TestSupport.h"
 
-#include <algorithm>
-#include <chrono>
 #include <csignal>
-#include <cstdint>
 #include <filesystem>
-#include <functional>
-#include <map>
 #include <regex>
 #include <sstream>
-#include <string>
-#include <thread>
-#include <vector>
 
+#include <fcntl.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -66,10 +59,8 @@ public:
             const rlimit limit{launch.fileSizeLimit, launch.fileSizeLimit};
             sigset_t none; // the test runner may have blocked signals
             sigemptyset(&none);
-            int ends[2] = {-1, -1};
-            if (launch.closedStdout && pipe(ends) == 0) {
-                ::close(outFd);
-                ::close(ends[0]);
+            int ends[2];
+            if (launch.closedStdout && pipe(ends) == 0 && ::close(ends[0]) == 0) {
                 outFd = ends[1];
             }
             if (dup2(outFd, 1) >= 0 && dup2(errFd, 2) >= 0 &&

@@ -1,8 +1,11 @@
 #pragma once
 
+#include "platform/Logger.h"
+
+#include <gtest/gtest.h>
+
 #include <cerrno>
 #include <chrono>
-#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
@@ -12,13 +15,10 @@
 #include <string>
 #include <thread>
 
-#include <fcntl.h>
 #include <ftw.h>
 #include <sched.h>
 #include <sys/mount.h>
 #include <unistd.h>
-
-#include "platform/Logger.h"
 
 namespace quarvel::test {
 
@@ -58,12 +58,6 @@ inline void writeFile(const std::string& path, const std::string& content) {
     std::ofstream(path, std::ios::binary | std::ios::trunc) << content;
 }
 
-// Runs `undo` when the scope ends, however it ends: puts back a setting a test changed.
-struct Finally {
-    std::function<void()> undo;
-    ~Finally() { undo(); }
-};
-
 // Polls a state that another thread or process reaches, with a deadline for any machine.
 inline bool eventually(const std::function<bool()>& reached,
                        std::chrono::milliseconds limit = std::chrono::seconds(20)) {
@@ -100,40 +94,30 @@ inline std::string privateSysfs() {
     return why;
 }
 
-// Captures what the process writes to standard error (the log goes there) between
-// construction and text(); also sets the log threshold for the duration.
+// What the process writes to standard error (the log goes there) from construction to text(),
+// with the log threshold set meanwhile.
 class StderrCapture {
 public:
     explicit StderrCapture(int threshold = 5) : mOldThreshold(morvik::pellum::log::threshold()) {
         morvik::pellum::log::setThreshold(threshold);
-        std::fflush(stderr);
-        const int fd = ::open(mPath.c_str(), O_CREAT | O_WRONLY | O_TRUNC, 0600);
-        mSaved = ::dup(STDERR_FILENO);
-        ::dup2(fd, STDERR_FILENO);
-        ::close(fd);
+        ::testing::internal::CaptureStderr();
     }
-    ~StderrCapture() { restore(); }
+    ~StderrCapture() { text(); }
+    StderrCapture(const StderrCapture&) = delete;
+    StderrCapture& operator=(const StderrCapture&) = delete;
 
     std::string text() {
-        restore();
-        return readFile(mPath);
+        if (mOldThreshold >= 0) {
+            mText = ::testing::internal::GetCapturedStderr();
+            morvik::pellum::log::setThreshold(mOldThreshold);
+            mOldThreshold = -1;
+        }
+        return mText;
     }
 
 private:
-    void restore() {
-        if (mSaved >= 0) {
-            std::fflush(stderr);
-            ::dup2(mSaved, STDERR_FILENO);
-            ::close(mSaved);
-            mSaved = -1;
-            morvik::pellum::log::setThreshold(mOldThreshold);
-        }
-    }
-
-    TempDir mDir;
-    std::string mPath = mDir.file("stderr");
-    int mSaved = -1;
     int mOldThreshold;
+    std::string mText;
 };
 
 } // namespace quarvel::test
