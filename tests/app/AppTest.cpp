@@ -1,48 +1,22 @@
-#include "app/CommandLineOptions.h"
-#include "app/StopDeadline.h"
+#include "app/RunEnd.h"
+#include "sinks/SinkHDF5.h"
 
 #include "tests/support/TestSupport.h"
 
 #include <gtest/gtest.h>
 
+#include <csignal>
+#include <filesystem>
 #include <thread>
+
+#include <sys/resource.h>
+#include <sys/stat.h>
 
 namespace quarvel::test {
 namespace {
 
 using namespace std::chrono_literals;
 using ::testing::ExitedWithCode;
-
-// Unknown options and extra words are ignored; a prefix that names one option alone is that
-// option, and a value may follow as the next word.
-TEST(CommandLineOptions, AbbreviationsEdgeValuesAndRefusals) {
-    const auto parse = [](std::vector<std::string> words) {
-        words.insert(words.end(), {"--unknown=1", "positional"});
-        return CommandLineOptions(words);
-    };
-    const CommandLineOptions good = parse({"--fi", "a.h5", "--data-b=4096", "--co=mock",
-                                           "--rec=/dev/r", "--src-addr=+256", "--data-r=7"});
-    EXPECT_FALSE(good.hasError());
-    EXPECT_EQ(good.getFile(), "a.h5");
-    EXPECT_EQ(good.getDataBytes(), 4096u);
-    EXPECT_EQ(good.getConf(), "mock");
-    EXPECT_EQ(good.getRecDev(), "/dev/r");
-    EXPECT_EQ(good.getSrcAddr(), 256u);
-    EXPECT_EQ(good.getDataRate(), 55); // the character '7'
-    // --conf=int32 gives the scheme a second time; --d fits --data-bytes and --data-rate.
-    for (const char* bad :
-         {"--data-rate=10", "--src-addr=0x100", "--src-addr=4294967296", "--conf=int32", "--d=5"}) {
-        StderrCapture capture(1);
-        const CommandLineOptions options =
-            parse({"--file", "a.h5", "--data-bytes=4096", "--conf=mock", "--rec-dev=/dev/r", bad});
-        EXPECT_NE(capture.text().find(
-                      "ERROR [CommandLineOptions] Parsing command line options failed with '"),
-                  std::string::npos)
-            << bad;
-        EXPECT_TRUE(options.hasError()) << bad;
-        EXPECT_EQ(options.getFile(), "") << "no field is filled";
-    }
-}
 
 // Holds a deadline of 200 ms for `hold` (a mover stuck in the kernel), releases it, waits
 // 400 ms more and leaves with 0, unless the deadline ended the process first.
@@ -68,6 +42,94 @@ TEST(StopDeadlineDeathTest, EndsTheProcessOnlyWhenTheStopTakesTooLong) {
                 "^stopped by request\nquarvel: a data mover did not stop.*\nlast call\n$");
     EXPECT_EXIT(holdDeadline(nullptr, true, 0ms), ExitedWithCode(0), "");
     EXPECT_EXIT(holdDeadline([] { return false; }, false, 500ms), ExitedWithCode(0), "");
+}
+
+// Logs its abort() calls.
+struct FakeMover final : AbstractDataMover {
+    FakeMover(std::string& calls, std::string moverName, bool hasFailed)
+        : log(calls), label(std::move(moverName)), broken(hasFailed) {}
+    std::string name() override { return label; }
+    bool isFinished() override { return true; }
+    bool failed() override { return broken; }
+    bool movedAll() override { return false; }
+    void start(uint32_t) override {}
+    std::string errorText() override { return label + " broke"; }
+    void abort() override { log += label + " "; }
+    void requestStop(bool) override {}
+    std::shared_ptr<AbstractDataSink> sink() override { return {}; }
+    std::shared_ptr<AbstractDataSource> source() override { return {}; }
+    bool hasDecoderSink() override { return false; }
+    std::shared_ptr<AbstractDecoder> decoderSink() override { return {}; }
+    void printProgress(std::ostream&) const override {}
+
+    std::string& log;
+    std::string label;
+    bool broken;
+};
+
+// The file's writer, last in the chain, goes first: the file then closes with what reached it,
+// whatever the movers before it do. A failed mover has ended already, and alone reports.
+TEST(RunEnd, AbortsTheFilesWriterFirstAndReportsTheFailedMovers) {
+    std::string aborted;
+    const Movers movers = {std::make_shared<FakeMover>(aborted, "recorder", false),
+                           std::make_shared<FakeMover>(aborted, "decoder", true),
+                           std::make_shared<FakeMover>(aborted, "file", false)};
+    RunEnd::abortMovers(movers);
+    EXPECT_EQ(aborted, "file recorder ");
+    EXPECT_EQ(RunEnd::collectErrors(movers), "decoder broke\n");
+}
+
+// A run whose stop never ends, with two recordings open, one of which holds values, and a
+// progress line not yet flushed.
+void stopHangs(const std::string& dir) {
+    std::freopen((dir + "/stdout").c_str(), "w", stdout);
+    std::fputs("Transfer: 7 MB", stdout);
+    const auto log = makeLogger("test");
+    RecordingFile empty(dir + "/empty.h5", log), holding(dir + "/holding.h5", log);
+    empty.claim();
+    holding.claim();
+    holding.noteValues(1);
+    RunEnd end([] { return true; });
+    std::this_thread::sleep_for(2 * RunEnd::kStopLimit);
+    std::exit(0);
+}
+
+// The deadline leaves with the stop's code and words, and removes the recordings of nothing.
+TEST(RunEndDeathTest, AStopThatHangsLeavesOnlyRecordingsThatHoldValues) {
+    TempDir dir;
+    EXPECT_EXIT(stopHangs(dir.path()), ExitedWithCode(1),
+                "^transfer abort requested by user \\(sigterm\\)\nquarvel: a data mover did not");
+    EXPECT_FALSE(std::filesystem::exists(dir.file("empty.h5.part")));
+    EXPECT_TRUE(std::filesystem::exists(dir.file("holding.h5.part")));
+    EXPECT_EQ(readFile(dir.file("stdout")), "Transfer: 7 MB");
+}
+
+// A file whose close fails (its last writes pass the file size limit) ends an exception's run.
+void closeFailsThenRunEnds(const std::string& path) {
+    std::signal(SIGXFSZ, SIG_IGN);
+    SinkHDF5 sink(path);
+    sink.open(1 << 20);
+    const std::vector<uint8_t> bytes(1 << 19, 7);
+    sink.write(bytes.data(), static_cast<uint32_t>(bytes.size()));
+    struct stat written {};
+    ::stat(SinkHDF5::temporaryName(path).c_str(), &written);
+    const rlimit limit{static_cast<rlim_t>(written.st_size), RLIM_INFINITY};
+    ::setrlimit(RLIMIT_FSIZE, &limit);
+    try {
+        sink.close();
+    } catch (...) {
+    }
+    RunEnd end([] { return false; });
+    end.exceptionThrown(nullptr);
+    std::exit(100 + end.finish());
+}
+
+// HDF5's exit handlers would crash on such a file: the process leaves without them, with the
+// code the run decided.
+TEST(RunEndDeathTest, AFileThatFailedToCloseIsLeftWithoutExitHandlers) {
+    TempDir dir;
+    EXPECT_EXIT(closeFailsThenRunEnds(dir.file("rec.h5")), ExitedWithCode(43),
+                "UNKNOWN EXCEPTION THROWN\n$");
 }
 
 } // namespace

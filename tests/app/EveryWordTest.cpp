@@ -2,7 +2,7 @@
 // with random bytes in random pieces, most of them not whole words, with random pauses and
 // writers that go away and come back; each file is compared value by value with a decoding of
 // the test's own. Root only (the control directory lies in a mount namespace of the test).
-// Each run prints its seed; QUARVEL_TEST_SEED=N runs the seeds from N on again.
+// Each test prints its first seed; QUARVEL_TEST_SEED=N runs the seeds from N on again.
 
 #include "tests/app/Harness.h"
 
@@ -17,33 +17,22 @@ namespace {
 
 using namespace std::chrono_literals;
 
-// Bytes of the device's data per value stored.
-size_t bytesPerValue(const std::string& conf) {
-    return conf == "lumetra" ? 2 : 4;
-}
-
-uint64_t firstSeed() {
-    const char* given = std::getenv("QUARVEL_TEST_SEED");
-    return given != nullptr ? std::strtoull(given, nullptr, 10) : std::random_device{}();
-}
-
 // Writes random bytes into a FIFO as a slow producer, a pipe from another program or a driver's
 // partial reads would: pieces of 1 byte to 64 KiB, short pauses, now and then a new writer.
+// Hands over total bytes, or what the reader takes until it is gone; keeps them in handed.
 class Feeder {
 public:
     Feeder(std::string fifo, uint64_t seed) : mFifo(std::move(fifo)), mRandom(seed) {}
 
-    // Hands over total bytes, or what the reader takes until it is gone; the bytes are kept in
-    // handed. The reader appears within the time the program takes to start.
     void feed(size_t total, const std::atomic<bool>& readerGone) {
         int fd = openWriter(readerGone);
         std::uniform_int_distribution<int> percent(0, 99);
         while (fd >= 0 && handed.size() < total) {
             const int kind = percent(mRandom);
             const size_t most = kind < 40 ? 8 : kind < 70 ? 4096 : 65536;
-            const size_t size = std::min(total - handed.size(),
-                                         std::uniform_int_distribution<size_t>(1, most)(mRandom));
-            std::string piece(size, '\0');
+            std::string piece(std::min(total - handed.size(),
+                                       std::uniform_int_distribution<size_t>(1, most)(mRandom)),
+                              '\0');
             for (char& c : piece) {
                 c = static_cast<char>(mRandom());
             }
@@ -69,6 +58,7 @@ public:
     std::string handed;
 
 private:
+    // The reader appears within the time the program takes to start.
     int openWriter(const std::atomic<bool>& readerGone) const {
         while (!readerGone.load()) {
             const int fd = ::open(mFifo.c_str(), O_WRONLY | O_NONBLOCK | O_CLOEXEC);
@@ -125,17 +115,20 @@ protected:
             GTEST_SKIP() << why;
         }
         signal(SIGPIPE, SIG_IGN); // a writer whose reader has gone gets EPIPE
+        const char* given = std::getenv("QUARVEL_TEST_SEED");
+        seed = given != nullptr ? std::strtoull(given, nullptr, 10) : std::random_device{}();
+        std::printf("QUARVEL_TEST_SEED=%llu\n", static_cast<unsigned long long>(seed));
     }
+    uint64_t seed = 0;
 };
 
 TEST_P(EveryWord, ReachesTheFileWhateverPiecesTheDeviceHandsOver) {
     const std::string conf = GetParam();
-    const uint64_t seed = firstSeed();
-    for (uint64_t run = 0; run < 3; ++run) {
-        SCOPED_TRACE("QUARVEL_TEST_SEED=" + std::to_string(seed + run));
-        std::mt19937_64 random(seed + run);
+    for (uint64_t run = seed; run < seed + 3; ++run) {
+        SCOPED_TRACE("QUARVEL_TEST_SEED=" + std::to_string(run));
+        std::mt19937_64 random(run);
         const size_t total = std::uniform_int_distribution<size_t>(1, 1 << 19)(random) * 4;
-        const Fed fed = record(conf, seed + run, total, total, 0ms);
+        const Fed fed = record(conf, run, total, total, 0ms);
         EXPECT_EQ(fed.finished.exitCode, 0) << fed.finished.err;
         ASSERT_TRUE(fed.recording.opened);
         EXPECT_EQ(fed.recording.attributes.at("state"), "complete");
@@ -150,13 +143,12 @@ TEST_P(EveryWord, ReachesTheFileWhateverPiecesTheDeviceHandsOver) {
 // pipe buffer, and an unfinished word are missing.
 TEST_P(EveryWord, StoppedRunKeepsEveryWordItRead) {
     const std::string conf = GetParam();
-    const uint64_t seed = firstSeed();
-    for (uint64_t run = 0; run < 3; ++run) {
-        SCOPED_TRACE("QUARVEL_TEST_SEED=" + std::to_string(seed + run));
-        std::mt19937_64 random(seed + run);
+    for (uint64_t run = seed; run < seed + 3; ++run) {
+        SCOPED_TRACE("QUARVEL_TEST_SEED=" + std::to_string(run));
+        std::mt19937_64 random(run);
         const auto stopAfter =
             std::chrono::milliseconds(std::uniform_int_distribution<int>(20, 400)(random));
-        const Fed fed = record(conf, seed + run, size_t{1} << 30, 1u << 30, stopAfter);
+        const Fed fed = record(conf, run, size_t{1} << 30, 1u << 30, stopAfter);
         EXPECT_EQ(fed.finished.exitCode, 1) << fed.finished.err;
         // A run stopped before it stored anything leaves no file.
         const uint64_t recorded = fed.recording.opened ? fed.recording.recorded() : 0;
@@ -169,8 +161,8 @@ TEST_P(EveryWord, StoppedRunKeepsEveryWordItRead) {
             values.resize(recorded);
             EXPECT_TRUE(values == expected) << "the file differs from the device's words";
         }
-        constexpr size_t kPipeBuffer = 65536;
-        EXPECT_LE(fed.handed.size(), recorded * bytesPerValue(conf) + kPipeBuffer + 3)
+        const size_t bytesPerValue = conf == "lumetra" ? 2 : 4, pipeBuffer = 65536;
+        EXPECT_LE(fed.handed.size(), recorded * bytesPerValue + pipeBuffer + 3)
             << "more than the FIFO could hold was lost";
     }
 }

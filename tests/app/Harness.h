@@ -1,25 +1,16 @@
 #pragma once
 
-// Runs the built program as a user would, and reads what it leaves with HDF5's C API, which
-// shares nothing with the program's writer.
+// Runs the built program as a user would.
 
+#include "tests/support/Recording.h"
 #include "tests/support/TestSupport.h"
 
-#include <hdf5.h>
-
-#include <algorithm>
-#include <chrono>
 #include <csignal>
-#include <cstdint>
 #include <filesystem>
-#include <functional>
-#include <map>
 #include <regex>
 #include <sstream>
-#include <string>
-#include <thread>
-#include <vector>
 
+#include <fcntl.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -33,12 +24,14 @@ constexpr bool kSlow = kEmulated || sizeof(QUARVEL_SANITIZE) > 1;
 
 struct Launch {
     std::vector<std::string> args;
+    std::string dir = {}; // the working directory, if not the test's
     rlim_t fileSizeLimit = RLIM_INFINITY;
     bool closedStdout = false; // standard output is a pipe nobody reads
 };
 
 struct Finished {
     int exitCode = -1; // -1 when a signal ended the process
+    int signal = 0;    // the signal that did
     std::string out, err;
 };
 
@@ -66,13 +59,12 @@ public:
             const rlimit limit{launch.fileSizeLimit, launch.fileSizeLimit};
             sigset_t none; // the test runner may have blocked signals
             sigemptyset(&none);
-            int ends[2] = {-1, -1};
-            if (launch.closedStdout && pipe(ends) == 0) {
-                ::close(outFd);
-                ::close(ends[0]);
+            int ends[2];
+            if (launch.closedStdout && pipe(ends) == 0 && ::close(ends[0]) == 0) {
                 outFd = ends[1];
             }
             if (dup2(outFd, 1) >= 0 && dup2(errFd, 2) >= 0 &&
+                (launch.dir.empty() || chdir(launch.dir.c_str()) == 0) &&
                 (launch.fileSizeLimit == RLIM_INFINITY || setrlimit(RLIMIT_FSIZE, &limit) == 0) &&
                 sigprocmask(SIG_SETMASK, &none, nullptr) == 0) {
                 execv(pointers[0], pointers.data());
@@ -105,7 +97,8 @@ public:
             }
             std::this_thread::sleep_for(std::chrono::milliseconds(1));
         }
-        return {WIFEXITED(mStatus) ? WEXITSTATUS(mStatus) : -1, readFile(mStreams.file("out")),
+        return {WIFEXITED(mStatus) ? WEXITSTATUS(mStatus) : -1,
+                WIFSIGNALED(mStatus) ? WTERMSIG(mStatus) : 0, readFile(mStreams.file("out")),
                 readFile(mStreams.file("err"))};
     }
 
@@ -134,74 +127,6 @@ inline std::string privateControlDirectory() {
         std::filesystem::create_directories("/sys/dev/char/0:0/device/control");
     }
     return why;
-}
-
-// What a recording holds, as any HDF5 reader sees it.
-struct Recording {
-    bool opened = false;
-    std::map<std::string, std::string> attributes; // numbers in decimal
-    uint64_t length = 0;                           // the dataset's dimension
-    std::vector<int32_t> values;                   // from index 0, as many as asked for
-
-    uint64_t recorded() const { return std::stoull(attributes.at("recorded_values")); }
-};
-
-// Collects one attribute of the dataset as text: a string, or a number in decimal.
-inline herr_t readAttribute(hid_t dataset, const char* name, const H5A_info_t*, void* found) {
-    const hid_t id = H5Aopen(dataset, name, H5P_DEFAULT);
-    const hid_t type = H5Aget_type(id);
-    std::string value;
-    if (H5Tget_class(type) == H5T_STRING) {
-        value.assign(H5Tget_size(type), '\0');
-        H5Aread(id, type, value.data());
-        value.resize(std::min(value.size(), value.find('\0')));
-    } else {
-        unsigned long long number = 0;
-        H5Aread(id, H5T_NATIVE_ULLONG, &number);
-        value = std::to_string(number);
-    }
-    H5Tclose(type);
-    H5Aclose(id);
-    (*static_cast<std::map<std::string, std::string>*>(found))[name] = value;
-    return 0;
-}
-
-constexpr uint64_t kRecordedValues = ~uint64_t{0};
-
-// Reads maxValues values at most, by default the recorded ones.
-inline Recording readRecording(const std::string& path, uint64_t maxValues = kRecordedValues) {
-    Recording recording;
-    H5Eset_auto2(H5E_DEFAULT, nullptr, nullptr);
-    const hid_t file = H5Fopen(path.c_str(), H5F_ACC_RDONLY, H5P_DEFAULT);
-    const hid_t dataset = file < 0 ? -1 : H5Dopen2(file, "quarvel", H5P_DEFAULT);
-    if (dataset < 0) {
-        H5Fclose(file);
-        return recording;
-    }
-    H5Aiterate2(dataset, H5_INDEX_NAME, H5_ITER_NATIVE, nullptr, readAttribute,
-                &recording.attributes);
-    const hid_t space = H5Dget_space(dataset);
-    hsize_t length = 0;
-    H5Sget_simple_extent_dims(space, &length, nullptr);
-    recording.length = length;
-    if (maxValues == kRecordedValues && recording.attributes.count("recorded_values") > 0) {
-        maxValues = recording.recorded();
-    }
-    hsize_t count = std::min<hsize_t>(length, maxValues);
-    const hsize_t start = 0;
-    recording.values.resize(static_cast<size_t>(count));
-    recording.opened = true;
-    if (count > 0) {
-        H5Sselect_hyperslab(space, H5S_SELECT_SET, &start, nullptr, &count, nullptr);
-        const hid_t memory = H5Screate_simple(1, &count, nullptr);
-        recording.opened = H5Dread(dataset, H5T_NATIVE_INT32, memory, space, H5P_DEFAULT,
-                                   recording.values.data()) >= 0;
-        H5Sclose(memory);
-    }
-    H5Sclose(space);
-    H5Dclose(dataset);
-    H5Fclose(file);
-    return recording;
 }
 
 // What a scheme stores of the recorder's bytes, decoded here independently of the program.

@@ -1,8 +1,11 @@
 #pragma once
 
+#include "platform/Logger.h"
+
+#include <gtest/gtest.h>
+
 #include <cerrno>
 #include <chrono>
-#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
@@ -12,13 +15,10 @@
 #include <string>
 #include <thread>
 
-#include <fcntl.h>
 #include <ftw.h>
 #include <sched.h>
 #include <sys/mount.h>
 #include <unistd.h>
-
-#include "platform/Logger.h"
 
 namespace quarvel::test {
 
@@ -34,10 +34,10 @@ public:
         mPath = pattern;
     }
     ~TempDir() {
-        nftw(
-            mPath.c_str(),
-            [](const char* p, const struct stat*, int, struct FTW*) { return ::remove(p); }, 16,
-            FTW_DEPTH | FTW_PHYS);
+        const auto remove = [](const char* p, const struct stat*, int, struct FTW*) {
+            return ::remove(p);
+        };
+        nftw(mPath.c_str(), remove, 16, FTW_DEPTH | FTW_PHYS);
     }
     TempDir(const TempDir&) = delete;
     TempDir& operator=(const TempDir&) = delete;
@@ -55,20 +55,13 @@ inline std::string readFile(const std::string& path) {
 }
 
 inline void writeFile(const std::string& path, const std::string& content) {
-    std::ofstream out(path, std::ios::binary | std::ios::trunc);
-    out << content;
+    std::ofstream(path, std::ios::binary | std::ios::trunc) << content;
 }
 
-// Runs `undo` when the scope ends, however it ends: puts back a setting a test changed.
-struct Finally {
-    std::function<void()> undo;
-    ~Finally() { undo(); }
-};
-
-// Polls a state that another thread or process reaches, with a deadline generous enough for any
-// machine.
-inline bool eventually(const std::function<bool()>& reached) {
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+// Polls a state that another thread or process reaches, with a deadline for any machine.
+inline bool eventually(const std::function<bool()>& reached,
+                       std::chrono::milliseconds limit = std::chrono::seconds(20)) {
+    const auto deadline = std::chrono::steady_clock::now() + limit;
     while (!reached()) {
         if (std::chrono::steady_clock::now() > deadline) {
             return false;
@@ -78,59 +71,59 @@ inline bool eventually(const std::function<bool()>& reached) {
     return true;
 }
 
-// Empty once this process has a mount namespace of its own with a tmpfs over /sys/dev/char, where
-// a regular file's device number 0:0 may have a control directory; otherwise why not. Done once:
-// the namespace cannot be left again.
+// Empty once this process has a mount namespace of its own with a tmpfs over /sys/dev/char,
+// where a regular file's device number 0:0 may have a control directory; otherwise why a test
+// that needs it is skipped. Done once: the namespace cannot be left again.
 inline std::string privateSysfs() {
     static const std::string why = []() -> std::string {
         if (::geteuid() != 0) {
-            return "a private mount namespace needs root";
+            return "needs root for a private mount namespace";
         }
-        if (::unshare(CLONE_NEWNS) != 0 ||
-            ::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
+        if (::unshare(CLONE_NEWNS) != 0) {
+            return errno == EINVAL
+                       ? "needs a private mount namespace, which a chroot refuses "
+                         "(EINVAL)"
+                       : std::string("no private mount namespace: ") + std::strerror(errno);
+        }
+        if (::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
             ::mount("none", "/sys/dev/char", "tmpfs", 0, "mode=0755") != 0) {
-            return std::string("setting up the mount namespace failed: ") + std::strerror(errno);
+            return std::string("no tmpfs over /sys/dev/char: ") + std::strerror(errno);
         }
         return {};
     }();
     return why;
 }
 
-// Captures what the process writes to standard error (the log goes there) between
-// construction and text(); also raises the log threshold for the duration.
+// What the process writes to standard error (the log goes there) from construction to text(),
+// with the log threshold set meanwhile.
 class StderrCapture {
 public:
     explicit StderrCapture(int threshold = 5) : mOldThreshold(morvik::pellum::log::threshold()) {
         morvik::pellum::log::setThreshold(threshold);
-        std::fflush(stderr);
-        mPath = mDir.file("stderr");
-        const int fd = ::open(mPath.c_str(), O_CREAT | O_WRONLY | O_TRUNC, 0600);
-        mSaved = ::dup(STDERR_FILENO);
-        ::dup2(fd, STDERR_FILENO);
-        ::close(fd);
+        ::testing::internal::CaptureStderr();
     }
-    ~StderrCapture() { restore(); }
+    ~StderrCapture() { text(); }
+    StderrCapture(const StderrCapture&) = delete;
+    StderrCapture& operator=(const StderrCapture&) = delete;
 
     std::string text() {
-        restore();
-        return readFile(mPath);
+        if (mOldThreshold >= 0) {
+            mText = ::testing::internal::GetCapturedStderr();
+            morvik::pellum::log::setThreshold(mOldThreshold);
+            mOldThreshold = -1;
+        }
+        return mText;
     }
 
 private:
-    void restore() {
-        if (mSaved >= 0) {
-            std::fflush(stderr);
-            ::dup2(mSaved, STDERR_FILENO);
-            ::close(mSaved);
-            mSaved = -1;
-            morvik::pellum::log::setThreshold(mOldThreshold);
-        }
-    }
-
-    TempDir mDir;
-    std::string mPath;
-    int mSaved = -1;
     int mOldThreshold;
+    std::string mText;
+};
+
+// Runs `undo` when the scope ends, however it ends: puts back a setting a test changed.
+struct Finally {
+    std::function<void()> undo;
+    ~Finally() { undo(); }
 };
 
 } // namespace quarvel::test
