@@ -12,8 +12,10 @@
 #include <utility>
 #include <vector>
 
+#include <fcntl.h>
 #include <spawn.h>
 #include <sys/wait.h>
+#include <unistd.h>
 
 namespace quarvel::test {
 namespace {

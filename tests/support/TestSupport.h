@@ -15,9 +15,11 @@
 #include <string>
 #include <thread>
 
+#include <fcntl.h>
 #include <ftw.h>
 #include <sched.h>
 #include <sys/mount.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 namespace quarvel::test {
