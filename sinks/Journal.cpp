@@ -88,9 +88,11 @@ bool decode(const std::vector<uint8_t>& body, Journal& journal) {
         if (body.size() - at < size) {
             return false;
         }
+        // Within the body, which is in memory: size fits a size_t.
+        const auto length = static_cast<size_t>(size);
         block.bytes.assign(body.begin() + static_cast<std::ptrdiff_t>(at),
-                           body.begin() + static_cast<std::ptrdiff_t>(at + size));
-        at += size;
+                           body.begin() + static_cast<std::ptrdiff_t>(at + length));
+        at += length;
         journal.blocks.push_back(std::move(block));
     }
     return at == body.size();

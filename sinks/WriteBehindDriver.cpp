@@ -62,7 +62,7 @@ public:
                 mBlocks.emplace(end, std::move(tail));
             }
             if (start < address) { // its head survives
-                old.bytes.resize(address - start);
+                old.bytes.resize(static_cast<size_t>(address - start));
                 ++at;
             } else {
                 at = mBlocks.erase(at);
@@ -82,8 +82,10 @@ public:
             const haddr_t from = std::max(address, at->first);
             const haddr_t to = std::min<haddr_t>(end, at->first + at->second.bytes.size());
             if (from < to) {
-                std::memcpy(out + (from - address), at->second.bytes.data() + (from - at->first),
-                            to - from);
+                // Offsets within one read or one block, which are in memory.
+                std::memcpy(out + static_cast<size_t>(from - address),
+                            at->second.bytes.data() + static_cast<size_t>(from - at->first),
+                            static_cast<size_t>(to - from));
             }
         }
     }

@@ -156,9 +156,9 @@ TEST_P(EveryWord, StoppedRunKeepsEveryWordItRead) {
             EXPECT_EQ(fed.recording.attributes.at("state"), "stopped");
             std::vector<int32_t> expected = decoded(conf, fed.handed);
             ASSERT_LE(recorded, expected.size());
-            expected.resize(recorded);
+            expected.resize(static_cast<size_t>(recorded));
             std::vector<int32_t> values = fed.recording.values;
-            values.resize(recorded);
+            values.resize(static_cast<size_t>(recorded));
             EXPECT_TRUE(values == expected) << "the file differs from the device's words";
         }
         const size_t bytesPerValue = conf == "lumetra" ? 2 : 4, pipeBuffer = 65536;

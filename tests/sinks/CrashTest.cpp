@@ -49,10 +49,11 @@ int32_t valueAt(uint32_t index) {
 
 void replay(std::string& image, const Op& op) {
     if (op.kind == Op::Write) {
-        image.resize(std::max<size_t>(image.size(), op.offset + op.data.size()));
-        std::memcpy(&image[op.offset], op.data.data(), op.data.size());
+        const auto at = static_cast<size_t>(op.offset); // the file is in memory
+        image.resize(std::max(image.size(), at + op.data.size()));
+        std::memcpy(&image[at], op.data.data(), op.data.size());
     } else if (op.kind == Op::Truncate) {
-        image.resize(op.offset);
+        image.resize(static_cast<size_t>(op.offset));
     }
 }
 
@@ -79,7 +80,8 @@ std::optional<uint64_t> readRecording(const std::string& path, const std::vector
         const hid_t memory = H5Screate_simple(1, &count, nullptr);
         good = H5Sselect_hyperslab(space, H5S_SELECT_SET, &start, nullptr, &count, nullptr) >= 0 &&
                H5Dread(dataSet, H5T_NATIVE_INT32, memory, space, H5P_DEFAULT, buffer.data()) >= 0 &&
-               std::memcmp(buffer.data(), values.data(), recorded * sizeof(int32_t)) == 0;
+               std::memcmp(buffer.data(), values.data(),
+                           static_cast<size_t>(recorded) * sizeof(int32_t)) == 0;
         H5Sclose(memory);
     }
     // Each call on an identifier that failed to open just fails too.
