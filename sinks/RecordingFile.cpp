@@ -134,12 +134,14 @@ void RecordingFile::claim() {
 
 // The system is asked only when the room it gave last time is used up, so that the mover's
 // writes do not each cost two system calls.
-uint32_t RecordingFile::roomFor(uint32_t len, uint64_t reserve, int& refusal) {
+uint32_t RecordingFile::roomFor(uint32_t len, const std::function<uint64_t()>& needed,
+                                int& refusal) {
     refusal = 0;
     if (len <= mRoomLeft) {
         mRoomLeft -= len;
         return len;
     }
+    const uint64_t reserve = needed();
     uint64_t room = kRoomRecheckBytes + len + reserve;
     struct stat info {};
     if (::fstat(mLockFd, &info) == 0 && info.st_nlink == 0) {

@@ -4,6 +4,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <functional>
 #include <string>
 
 namespace quarvel {
@@ -37,7 +38,8 @@ public:
     void claim();
     // How many of len bytes may be written so that reserve bytes stay free for the close; when
     // fewer than len, refusal says why (EFBIG for the file size limit, ENOSPC for the disk).
-    uint32_t roomFor(uint32_t len, uint64_t reserve, int& refusal);
+    // reserve is asked for only when the room is looked at again, not at every write.
+    uint32_t roomFor(uint32_t len, const std::function<uint64_t()>& reserve, int& refusal);
     // How many values the file holds so far, for discardEmptyRecordings.
     void noteValues(uint32_t values) { mValues.store(values); }
 

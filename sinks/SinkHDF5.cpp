@@ -203,13 +203,15 @@ uint32_t SinkHDF5::write(const uint8_t* buffer, uint32_t len) {
     }
     try {
         int refusal = 0;
-        uint32_t room = mRecordingFile.roomFor(len, closeNeeds(), refusal);
+        uint32_t room = mRecordingFile.roomFor(
+            len, [this] { return closeNeeds(); }, refusal);
         if (room < len) {
             // Counted uncompressed, what waits in the compressor may seem not to fit: look again
             // with it in the file.
             mChunks->writeEveryChunk();
             mFile->flush(H5F_SCOPE_LOCAL);
-            room = mRecordingFile.roomFor(len, closeNeeds(), refusal);
+            room = mRecordingFile.roomFor(
+                len, [this] { return closeNeeds(); }, refusal);
         }
         if (room < len) {
             // The values that fit are kept; the next call is refused.
