@@ -13,6 +13,7 @@ ChunkWriter::ChunkWriter(hid_t dataSet, size_t chunkBytes, unsigned workers)
 
 void ChunkWriter::append(const uint8_t* bytes, size_t length) {
     const size_t chunkBytes = mCompressor.chunkBytes();
+    mAppended += length;
     while (length > 0) {
         if (mFill == 0) {
             while (mCompressor.full()) {

@@ -4,6 +4,7 @@
 
 #include <hdf5.h>
 
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
 #include <vector>
@@ -18,7 +19,13 @@ public:
     ChunkWriter(hid_t dataSet, size_t chunkBytes, unsigned workers);
 
     size_t chunkBytes() const { return mCompressor.chunkBytes(); }
-    uint64_t chunksWritten() const { return mChunksWritten; }
+    // Bytes in the chunks handed to HDF5, from the first one without gaps; the padding of a
+    // last chunk is not counted.
+    uint64_t bytesWritten() const {
+        return std::min<uint64_t>(mChunksWritten * chunkBytes(), mAppended);
+    }
+    // Bytes appended that HDF5 has not had yet, counted uncompressed.
+    uint64_t bytesNotWritten() const { return mAppended - bytesWritten(); }
 
     // Whole chunks go to the workers; a partial one waits in its buffer until it is full.
     void append(const uint8_t* bytes, size_t length);
@@ -32,7 +39,8 @@ private:
 
     const hid_t mDataSet;
     ChunkCompressor mCompressor;
-    size_t mFill = 0;            // bytes in the chunk being filled
+    size_t mFill = 0; // bytes in the chunk being filled
+    uint64_t mAppended = 0;
     uint64_t mChunksWritten = 0; // chunks handed to HDF5
     std::vector<uint8_t> mPartialChunk;
 };

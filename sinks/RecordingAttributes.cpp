@@ -67,6 +67,7 @@ RecordingAttributes::~RecordingAttributes() = default;
 
 void RecordingAttributes::create(H5::DataSet& dataSet, const RecordingDescription& description) {
     mDataSet = &dataSet;
+    mWriteFailure.clear();
     const uint64_t none = 0;
     mRecordedValues = createNumber(dataSet, "recorded_values", H5::PredType::STD_U64LE,
                                    H5::PredType::NATIVE_UINT64, &none);
@@ -103,9 +104,17 @@ void RecordingAttributes::runEnding(RunOutcome outcome, const std::string& reaso
     }
 }
 
-RecordingState RecordingAttributes::stateAtEnd(bool writeFailed, bool complete,
-                                               std::string& failure) {
-    if (writeFailed) {
+bool RecordingAttributes::writeFailed(const std::string& reason) {
+    if (hasWriteFailed()) {
+        return false;
+    }
+    mWriteFailure = reason;
+    return true;
+}
+
+RecordingState RecordingAttributes::stateAtEnd(bool complete, std::string& failure) {
+    if (hasWriteFailed()) {
+        failure = mWriteFailure;
         return RecordingState::Failed;
     }
     if (complete) {

@@ -44,9 +44,12 @@ public:
     bool checkpointDue() const;
     // How the run ends, from the job's thread, at any time; the first word counts.
     void runEnding(RunOutcome outcome, const std::string& reason);
-    // The state the file ends in: failed by its own write (failure holds why), complete, or as
-    // the run said; failure then holds the run's reason.
-    RecordingState stateAtEnd(bool writeFailed, bool complete, std::string& failure);
+    // The file's own writing failed; the first reason counts. False when one was already told.
+    bool writeFailed(const std::string& reason);
+    bool hasWriteFailed() const { return !mWriteFailure.empty(); }
+    // The state the file ends in: failed by its own write, complete, or as the run said; failure
+    // then holds why.
+    RecordingState stateAtEnd(bool complete, std::string& failure);
     // Before the file is flushed: it will hold values from index 0 on.
     void checkpoint(uint64_t values);
     // The last words; fixed-size values written in place, so that a full disk takes them.
@@ -67,6 +70,7 @@ private:
     bool mOutcomeTold = false;
     RunOutcome mOutcome = RunOutcome::Stopped;
     std::string mOutcomeReason;
+    std::string mWriteFailure;
 };
 
 } // namespace quarvel

@@ -10,27 +10,14 @@
 #include <H5Cpp.h>
 
 #include <algorithm>
-#include <atomic>
 #include <cerrno>
 #include <cstring>
 #include <exception>
 #include <stdexcept>
-#include <vector>
 
 namespace quarvel {
 
 using morvik::pellum::log::Severity;
-
-namespace {
-
-[[noreturn]] void refuseWrite(int error, const std::string& temporaryName) {
-    errno = error == ENOENT ? 0 : error;
-    throw H5::DataSetIException("SinkHDF5::write",
-                                error == ENOENT ? temporaryName + " was removed by someone else"
-                                                : std::strerror(error));
-}
-
-} // namespace
 
 bool SinkHDF5::hasAbandonedFiles() {
     return hasAbandonedHdf5Files();
@@ -60,14 +47,6 @@ SinkHDF5::~SinkHDF5() {
     dropHdf5Objects();
 }
 
-void SinkHDF5::describe(const RecordingDescription& description) {
-    mDescription = description;
-}
-
-void SinkHDF5::runEnding(RunOutcome outcome, const std::string& reason) {
-    mAttributes.runEnding(outcome, reason);
-}
-
 uint32_t SinkHDF5::optimalWriteSize() {
     return getChunkSize() * mElementSize;
 }
@@ -93,7 +72,6 @@ void SinkHDF5::open(uint32_t totalSize) {
     }
     mTotalSize = totalSize;
     pellumDoLog(Severity::Info, "+openFileAndDataSet", {});
-    mGrowing = (mTotalSize == 0);
     if (!isWholeWords(mTotalSize)) {
         throw std::runtime_error("Invalid transfer length: not a multiple of HDF5 data type");
     }
@@ -163,8 +141,6 @@ void SinkHDF5::createFileAndDataSet() {
         std::make_unique<ChunkWriter>(mDataSet->getId(), chunkDims[0] * mElementSize, mWorkers);
     mRecordingFile.noteValues(0);
     mCheckpointValues = 0;
-    mWriteFailed = false;
-    mWriteFailure.clear();
     mAttributes.create(*mDataSet, mDescription);
     // From here on a killed process leaves a readable, empty recording.
     checkpoint();
@@ -172,6 +148,7 @@ void SinkHDF5::createFileAndDataSet() {
 
 // Attributes first, then the flush: the file on disk then says how far its data goes.
 void SinkHDF5::checkpoint() {
+    mChunks->writeEveryChunk();
     const uint64_t values = storedValues();
     mAttributes.checkpoint(values);
     mFile->flush(H5F_SCOPE_LOCAL);
@@ -202,35 +179,17 @@ uint32_t SinkHDF5::write(const uint8_t* buffer, uint32_t len) {
         throw H5::DataSetIException("SinkHDF5::write", why);
     }
     try {
-        int refusal = 0;
-        uint32_t room = mRecordingFile.roomFor(
-            len, [this] { return closeNeeds(); }, refusal);
-        if (room < len) {
-            // Counted uncompressed, what waits in the compressor may seem not to fit: look again
-            // with it in the file.
-            mChunks->writeEveryChunk();
-            mFile->flush(H5F_SCOPE_LOCAL);
-            room = mRecordingFile.roomFor(
-                len, [this] { return closeNeeds(); }, refusal);
-        }
-        if (room < len) {
-            // The values that fit are kept; the next call is refused.
-            values = std::min(values, room / mElementSize);
-            len = values * mElementSize;
-            if (len == 0) {
-                refuseWrite(refusal, mRecordingFile.temporaryName());
-            }
-        }
+        values = std::min(values, roomFor(len) / mElementSize);
+        len = values * mElementSize;
         pellumDoLog(Severity::Debug, "~write: selecting hyperslab", {});
         pellumDoLog(Severity::Debug, "~wirte: writting data", {});
-        mChunks->append(buffer, values * mElementSize);
+        mChunks->append(buffer, len);
         pellumDoLog(Severity::Debug, "~write: selectNone", {});
 
         mWriteOffset += values;
         mRecordingFile.noteValues(mWriteOffset);
         pellumDoLog(Severity::Info, "-write(%u): wrote %u values", {}, len, values);
         if (mAttributes.checkpointDue()) {
-            mChunks->writeEveryChunk();
             checkpoint();
         }
     } catch (const H5::Exception& error) {
@@ -240,27 +199,43 @@ uint32_t SinkHDF5::write(const uint8_t* buffer, uint32_t len) {
     return len;
 }
 
-// What is still to come into the file besides the next write: the values not yet handed to the
-// driver (uncompressed, with the last chunk's padding), what the driver holds (its buffer, the
-// metadata for the close's commit) and the journal of that commit. The failure attribute and
-// the last index nodes fit in the margin.
-uint64_t SinkHDF5::closeNeeds() const {
-    constexpr uint64_t kMarginBytes = 8 << 10;
-    const uint64_t notHandedOver =
-        uint64_t{mWriteOffset} * mElementSize - mChunks->chunksWritten() * mChunks->chunkBytes();
-    return notHandedOver + mChunks->chunkBytes() +
-           2 * WriteBehindDriver::pendingBytes(mFile->getId()) + kMarginBytes;
+// The bytes of len that may be written, keeping free what the close still needs: the values
+// not yet handed to the driver (uncompressed, with the last chunk's padding), what the driver
+// holds (its buffer, the metadata for the close's commit) and the journal of that commit; the
+// failure attribute and the last index nodes fit in the margin. None: refused.
+uint32_t SinkHDF5::roomFor(uint32_t len) {
+    const auto closeNeeds = [this] {
+        constexpr uint64_t kMarginBytes = 8 << 10;
+        return mChunks->bytesNotWritten() + mChunks->chunkBytes() +
+               2 * WriteBehindDriver::pendingBytes(mFile->getId()) + kMarginBytes;
+    };
+    int refusal = 0;
+    uint32_t room = mRecordingFile.roomFor(len, closeNeeds, refusal);
+    if (room < len) {
+        // Counted uncompressed, what waits in the compressor may seem not to fit: look again
+        // with it in the file.
+        mChunks->writeEveryChunk();
+        mFile->flush(H5F_SCOPE_LOCAL);
+        room = mRecordingFile.roomFor(len, closeNeeds, refusal);
+    }
+    if (room < len && room < mElementSize) {
+        errno = refusal == ENOENT ? 0 : refusal;
+        throw H5::DataSetIException("SinkHDF5::write", refusal == ENOENT
+                                                           ? mRecordingFile.temporaryName() +
+                                                                 " was removed by someone else"
+                                                           : std::strerror(refusal));
+    }
+    return room;
 }
 
 // A device that stalls still gets its checkpoint on time.
 void SinkHDF5::idle() {
     const QuietHdf5Errors quiet;
     const WaitingFor waiting(Waiting::Disk, mRecordingFile.name());
-    if (!mOpen || mWriteFailed || !mAttributes.checkpointDue()) {
+    if (!mOpen || mAttributes.hasWriteFailed() || !mAttributes.checkpointDue()) {
         return;
     }
     try {
-        mChunks->writeEveryChunk();
         checkpoint();
     } catch (const H5::Exception& error) {
         noteWriteFailure(error, errno);
@@ -270,34 +245,27 @@ void SinkHDF5::idle() {
 
 void SinkHDF5::noteWriteFailure(const H5::Exception& error, int systemError) {
     pellumDoLog(Severity::Error, "SinkHDF5 failed to write with error %s", {}, detailOf(error));
-    if (!mWriteFailed) {
-        mWriteFailed = true;
-        mWriteFailure =
-            "writing " + mRecordingFile.name() + " failed: " + reasonOf(error, systemError);
-        pellumDoLog(Severity::Error, "%s", {}, mWriteFailure.c_str());
+    const std::string why =
+        "writing " + mRecordingFile.name() + " failed: " + reasonOf(error, systemError);
+    if (mAttributes.writeFailed(why)) {
+        pellumDoLog(Severity::Error, "%s", {}, why.c_str());
     }
 }
 
-// Values in chunks handed to HDF5, from index 0 without gaps.
 uint64_t SinkHDF5::storedValues() const {
-    const uint64_t inChunks =
-        mChunks ? mChunks->chunksWritten() * mChunks->chunkBytes() / mElementSize : 0;
-    return std::min<uint64_t>(inChunks, mWriteOffset);
+    return mChunks->bytesWritten() / mElementSize;
 }
 
 // After a failed write, only a successful flush proves that the values since the last
 // checkpoint reached the disk; otherwise the file claims no more than that checkpoint.
 void SinkHDF5::finishAttributes(RecordingState state, const std::string& failure) {
-    if (mWriteFailed) {
-        try {
+    try {
+        if (mAttributes.hasWriteFailed()) {
             mFile->flush(H5F_SCOPE_LOCAL);
-            mCheckpointValues = storedValues();
-        } catch (const H5::Exception& error) {
-            pellumDoLog(Severity::Error, "SinkHDF5 failed to flush with error %s", {},
-                        detailOf(error));
         }
-    } else {
         mCheckpointValues = storedValues();
+    } catch (const H5::Exception& error) {
+        pellumDoLog(Severity::Error, "SinkHDF5 failed to flush with error %s", {}, detailOf(error));
     }
     mAttributes.finish(state, mCheckpointValues, failure);
 }
@@ -313,7 +281,7 @@ void SinkHDF5::close() {
     std::exception_ptr failure;
     RecordingState state = RecordingState::Stopped;
     if (mOpen && mDataSet) {
-        if (!mWriteFailed) {
+        if (!mAttributes.hasWriteFailed()) {
             try {
                 mChunks->finish();
             } catch (const H5::Exception& error) {
@@ -321,9 +289,8 @@ void SinkHDF5::close() {
                 failure = std::current_exception();
             }
         }
-        std::string why = mWriteFailure;
-        state = mAttributes.stateAtEnd(mWriteFailed,
-                                       uint64_t{mWriteOffset} * mElementSize >= mTotalSize, why);
+        std::string why;
+        state = mAttributes.stateAtEnd(uint64_t{mWriteOffset} * mElementSize >= mTotalSize, why);
         try {
             finishAttributes(state, why);
         } catch (const H5::Exception& error) {

@@ -12,7 +12,6 @@
 #include <exception>
 #include <memory>
 #include <string>
-#include <vector>
 
 namespace H5 {
 class H5File;
@@ -68,10 +67,12 @@ public:
     uint32_t write(const uint8_t* buffer, uint32_t len) override;
     void idle() override;
 
-    void runEnding(RunOutcome outcome, const std::string& reason) override;
+    void runEnding(RunOutcome outcome, const std::string& reason) override {
+        mAttributes.runEnding(outcome, reason);
+    }
 
     // Set before open(): the attributes that say where the data came from.
-    void describe(const RecordingDescription& description);
+    void describe(const RecordingDescription& description) { mDescription = description; }
 
     // The chunk length in values, not bytes; the name is the one the schemes know it by.
     uint32_t getChunkSize();
@@ -95,7 +96,7 @@ private:
     void createFileAndDataSet();
     void checkpoint();
     uint64_t storedValues() const;
-    uint64_t closeNeeds() const;
+    uint32_t roomFor(uint32_t len);
     void noteWriteFailure(const H5::Exception& error, int systemError);
     void finishAttributes(RecordingState state, const std::string& failure);
     // A file that HDF5 fails to close is parked; logged says whether each failure is logged.
@@ -113,12 +114,9 @@ private:
     uint32_t mTotalSize = 0;
     uint32_t mWriteOffset = 0;
     const uint32_t mElementSize = 4;
-    bool mGrowing = false;
     bool mOpen = false;
 
     uint64_t mCheckpointValues = 0; // values known to be on disk
-    bool mWriteFailed = false;
-    std::string mWriteFailure; // why our own write failed
 };
 
 } // namespace quarvel
