@@ -42,6 +42,8 @@ void QuarvelApp::printHelp(std::ostream& out) const {
 
 int QuarvelApp::recover(const std::string& path) {
     const Recovery result = recoverRecording(path);
+    const char* const left =
+        result.leftAsItWas ? "; it is left as it was" : "; putting it back as it was failed";
     const std::string found = "recorded_values " + std::to_string(result.recordedValues) +
                               ", state \"" + result.state + "\"";
     switch (result.outcome) {
@@ -52,14 +54,13 @@ int QuarvelApp::recover(const std::string& path) {
         std::cout << path << ": nothing to repair; " << found << std::endl;
         return 0;
     case Recovery::Outcome::NotARecording:
-        std::cerr << "quarvel: " << path << " is not a quarvel recording: " << result.reason
-                  << "; it is left as it was" << std::endl;
+        std::cerr << "quarvel: " << path << " is not a quarvel recording: " << result.reason << left
+                  << std::endl;
         return 2;
     case Recovery::Outcome::CannotRepair:
         break;
     }
-    std::cerr << "quarvel: cannot repair " << path << ": " << result.reason
-              << "; it is left as it was" << std::endl;
+    std::cerr << "quarvel: cannot repair " << path << ": " << result.reason << left << std::endl;
     return 2;
 }
 

@@ -37,9 +37,10 @@ bool readRange(int fd, uint64_t at, size_t size, std::vector<uint8_t>& out) {
     return ::pread(fd, out.data(), size, static_cast<off_t>(at)) == static_cast<ssize_t>(size);
 }
 
-void putBack(int fd, const Undo& undo) {
+// False when the file could not be put back as it was.
+bool putBack(int fd, const Undo& undo) {
     if (!undo.changed) {
-        return;
+        return true;
     }
     bool ok = ::ftruncate(fd, static_cast<off_t>(undo.cutAt)) == 0 &&
               ::pwrite(fd, undo.tail.data(), undo.tail.size(), static_cast<off_t>(undo.cutAt)) ==
@@ -49,8 +50,7 @@ void putBack(int fd, const Undo& undo) {
                       static_cast<off_t>(range->address)) ==
              static_cast<ssize_t>(range->bytes.size());
     }
-    ok = ok && ::ftruncate(fd, static_cast<off_t>(undo.size)) == 0;
-    ::fsync(fd);
+    return ok && ::ftruncate(fd, static_cast<off_t>(undo.size)) == 0 && ::fsync(fd) == 0;
 }
 
 // Applies or cuts off the journal at the file's end, keeping what it changes in undo.
@@ -168,13 +168,13 @@ Recovery recoverRecording(const std::string& path) {
     } else {
         Undo undo;
         if (!settle(fd, &undo) && undo.changed) {
-            putBack(fd, undo);
+            result.leftAsItWas = putBack(fd, undo);
             result.reason = "its journal could not be applied";
         } else if (readRecording(path, result)) {
             result.outcome =
                 undo.changed ? Recovery::Outcome::Repaired : Recovery::Outcome::NothingToDo;
         } else {
-            putBack(fd, undo);
+            result.leftAsItWas = putBack(fd, undo);
             // HDF5 reads it, but finds no recording in it.
             if (!undo.changed && result.reason != "HDF5 cannot read it") {
                 result.outcome = Recovery::Outcome::NotARecording;

@@ -13,7 +13,8 @@ struct Recovery {
     Outcome outcome = Outcome::CannotRepair;
     uint64_t recordedValues = 0;
     std::string state;
-    std::string reason; // why it is not a recording, or cannot be repaired
+    std::string reason;      // why it is not a recording, or cannot be repaired
+    bool leftAsItWas = true; // false when what recovery changed could not be undone
 };
 
 Recovery recoverRecording(const std::string& path);

@@ -5,9 +5,11 @@
 // least what the last checkpoint synced before the cut claimed.
 // Prints its seed; QUARVEL_TEST_SEED=N makes the same random choices again.
 
+#include "sinks/Journal.h"
 #include "sinks/Recovery.h"
 #include "sinks/SinkHDF5.h"
 #include "sinks/WriteBehindDriver.h"
+#include "tests/support/Recording.h"
 #include "tests/support/TestSupport.h"
 
 #include <gtest/gtest.h>
@@ -66,33 +68,14 @@ void store(const std::string& path, const std::string& image) {
     ::close(fd);
 }
 
-// What another program finds, through HDF5's C API: "recorded_values", when the file opens and
-// holds exactly the recording's values up to there.
-std::optional<uint64_t> readRecording(const std::string& path, const std::vector<int32_t>& values,
-                                      std::vector<int32_t>& buffer) {
-    const hid_t file = H5Fopen(path.c_str(), H5F_ACC_RDONLY, H5P_DEFAULT);
-    const hid_t dataSet = H5Dopen2(file, "quarvel", H5P_DEFAULT);
-    const hid_t space = H5Dget_space(dataSet);
-    const hid_t attribute = H5Aopen(dataSet, "recorded_values", H5P_DEFAULT);
-    hsize_t size = 0, start = 0;
-    uint64_t recorded = 0;
-    bool good = H5Sget_simple_extent_dims(space, &size, nullptr) == 1 && size == values.size() &&
-                H5Aread(attribute, H5T_NATIVE_UINT64, &recorded) >= 0 && recorded <= size;
-    if (good && recorded > 0) {
-        const hsize_t count = recorded;
-        const hid_t memory = H5Screate_simple(1, &count, nullptr);
-        good = H5Sselect_hyperslab(space, H5S_SELECT_SET, &start, nullptr, &count, nullptr) >= 0 &&
-               H5Dread(dataSet, H5T_NATIVE_INT32, memory, space, H5P_DEFAULT, buffer.data()) >= 0 &&
-               std::memcmp(buffer.data(), values.data(),
-                           static_cast<size_t>(recorded) * sizeof(int32_t)) == 0;
-        H5Sclose(memory);
-    }
-    // Each call on an identifier that failed to open just fails too.
-    H5Aclose(attribute);
-    H5Sclose(space);
-    H5Dclose(dataSet);
-    H5Fclose(file);
-    return good ? std::optional<uint64_t>(recorded) : std::nullopt;
+// What another program finds: "recorded_values", when the file opens and holds exactly the
+// recording's values up to there.
+std::optional<uint64_t> readRecording(const std::string& path, const std::vector<int32_t>& values) {
+    const test::Recording r = test::readRecording(path);
+    const bool good = r.opened && r.attributes.count("recorded_values") > 0 &&
+                      r.length == values.size() && r.values.size() == r.recorded() &&
+                      std::equal(r.values.begin(), r.values.end(), values.begin());
+    return good ? std::optional<uint64_t>(r.recorded()) : std::nullopt;
 }
 
 struct Tally {
@@ -104,8 +87,7 @@ struct Tally {
 // Checks crash states one after another in a file of its own.
 class Checker {
 public:
-    explicit Checker(const std::vector<int32_t>& values)
-        : mValues(values), mBuffer(values.size()) {}
+    explicit Checker(const std::vector<int32_t>& values) : mValues(values) {}
 
     // Reading the values takes nearly all the time, and many states recover to the same file:
     // each content is read once.
@@ -113,7 +95,7 @@ public:
         const auto [at, added] = mRead.try_emplace(std::hash<std::string>{}(content));
         if (added) {
             store(mPath, content);
-            at->second = readRecording(mPath, mValues, mBuffer);
+            at->second = readRecording(mPath, mValues);
         }
         return at->second;
     }
@@ -144,7 +126,6 @@ public:
 
 private:
     const std::vector<int32_t>& mValues;
-    std::vector<int32_t> mBuffer;
     test::TempDir mDir;
     const std::string mPath = mDir.file("state.h5");
     std::unordered_map<size_t, std::optional<uint64_t>> mRead;
@@ -271,6 +252,31 @@ TEST(Crash, EveryProcessCrashAndRandomPowerCutsLeaveARecordingThatRecovers) {
     RecordProperty("power_cuts_good_without_recovery", power.goodUnrecovered);
     EXPECT_EQ(process.bad, 0);
     EXPECT_EQ(power.bad, 0);
+}
+
+// A complete journal whose outcome HDF5 cannot read (it breaks the signature): recovery refuses
+// it and puts the file back byte for byte, journal and all.
+TEST(Crash, RecoveryThatCannotHelpPutsTheFileBackAsItWas) {
+    test::TempDir dir;
+    const std::string path = dir.file("run.h5");
+    {
+        const std::vector<int32_t> values(1024, 7);
+        SinkHDF5 sink(path);
+        sink.open(4096);
+        sink.write(reinterpret_cast<const uint8_t*>(values.data()), 4096);
+        sink.close();
+    }
+    std::string image = test::readFile(path);
+    const Journal journal{
+        1, image.size(), {{0, std::vector<uint8_t>(8)}, {image.size() - 100, {100, 1}}}};
+    const std::vector<uint8_t> tail = encodeJournal(journal, image.size());
+    image.append(tail.begin(), tail.end());
+    store(path, image);
+    const Recovery recovery = recoverRecording(path);
+    EXPECT_EQ(recovery.outcome, Recovery::Outcome::CannotRepair);
+    EXPECT_EQ(recovery.reason, "HDF5 cannot read it");
+    EXPECT_TRUE(recovery.leftAsItWas);
+    EXPECT_TRUE(test::readFile(path) == image);
 }
 
 } // namespace
