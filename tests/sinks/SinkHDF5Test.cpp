@@ -142,29 +142,23 @@ TEST(SinkHDF5, CheckpointsInTheMiddleOfAChunkKeepEveryValue) {
 // A recording that holds every value is complete, whatever the run said; otherwise the run's
 // first word counts, and a failed one says why.
 TEST(SinkHDF5, EndsAsTheRunsFirstWordSaysUnlessItHoldsEveryValue) {
-    struct Case {
+    using Told = RunOutcome;
+    const struct {
         uint32_t written;
-        std::vector<std::pair<RunOutcome, std::string>> told;
+        Told first, then;
         std::string ending;
-    };
+    } cases[] = {{32, Told::Failed, Told::Failed, "complete "},
+                 {16, Told::Failed, Told::Stopped, "failed the decoder broke"},
+                 {16, Told::Stopped, Told::Failed, "stopped "}};
     const std::vector<int32_t> values(8, 5);
-    for (const Case& c : std::vector<Case>{
-             {32, {{RunOutcome::Failed, "late"}}, "complete "},
-             {16, {}, "stopped "},
-             {16,
-              {{RunOutcome::Failed, "the decoder broke"}, {RunOutcome::Stopped, ""}},
-              "failed the decoder broke"},
-             {16, {{RunOutcome::Stopped, ""}, {RunOutcome::Failed, "late"}}, "stopped "}}) {
+    for (const auto& c : cases) {
         TempDir dir;
-        {
-            SinkHDF5 sink(dir.file("out.h5"));
-            sink.open(32);
-            sink.write(bytesOf(values), c.written);
-            for (const auto& [outcome, reason] : c.told) {
-                sink.runEnding(outcome, reason);
-            }
-            sink.close();
-        }
+        SinkHDF5 sink(dir.file("out.h5"));
+        sink.open(32);
+        sink.write(bytesOf(values), c.written);
+        sink.runEnding(c.first, "the decoder broke");
+        sink.runEnding(c.then, "too late");
+        sink.close();
         auto attributes = test::readRecording(dir.file("out.h5")).attributes;
         EXPECT_EQ(attributes["state"] + " " + attributes["failure"], c.ending);
     }
