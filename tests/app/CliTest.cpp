@@ -377,7 +377,7 @@ INSTANTIATE_TEST_SUITE_P(
         Row("SighupStops").records("mock", kLargest).stops(500ms, SIGHUP).leaves("stopped", 4096),
         Row("DeviceThatEndsEarlyIsPolledUntilStopped")
             .records("lumetra", 8192)
-            .plus({"--log-level=fatal", "--log-level", "info"})
+            .plus({"--log-level=fatal", "--log-level", "4"})
             .on(fileOf(words(1000)))
             .stops(500ms)
             .logs("INFO [Recoder] Reached end of file on recorder device")
