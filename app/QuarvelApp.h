@@ -1,7 +1,6 @@
 #pragma once
 
 #include "app/CommandLineOptions.h"
-#include "dataflow/DataSinkOrSource.h"
 #include "platform/MorvikApplication.h"
 
 #include <memory>

@@ -53,14 +53,8 @@ void RunEnd::schemeUnknown() {
 
 void RunEnd::watch() {
     const Movers& movers = mPieces.movers;
-    const auto stopOrEnd = [&] {
-        return mStopRequested() ||
-               std::any_of(movers.begin(), movers.end(),
-                           [](const auto& m) { return m->failed(); }) ||
-               std::all_of(movers.begin(), movers.end(),
-                           [](const auto& m) { return m->isFinished(); });
-    };
     for (;;) {
+        const uint64_t seen = moverEndings(); // before the look, so that no ending is missed
         if (mStopRequested()) {
             mWay = Way::Stopped;
             return;
@@ -86,15 +80,13 @@ void RunEnd::watch() {
         std::cout << '\r' << std::flush;
         // Sleeps until the next progress line, but wakes when a mover ends or fails, and within
         // a glance for a stop signal: a run ends when its work ends.
+        constexpr std::chrono::milliseconds kGlance{10};
         const auto next = std::chrono::steady_clock::now() + kProgressPeriod;
-        for (auto now = std::chrono::steady_clock::now(); now < next && !stopOrEnd();
+        for (auto now = std::chrono::steady_clock::now();
+             now < next && moverEndings() == seen && !mStopRequested();
              now = std::chrono::steady_clock::now()) {
-            constexpr std::chrono::milliseconds kGlance{10};
-            const uint64_t seen = moverEndings();
-            if (!stopOrEnd()) {
-                waitForMoverEnding(
-                    seen, std::min<std::chrono::steady_clock::duration>(kGlance, next - now));
-            }
+            waitForMoverEnding(seen,
+                               std::min<std::chrono::steady_clock::duration>(kGlance, next - now));
         }
     }
 }
@@ -144,17 +136,24 @@ void RunEnd::tellFile(RunOutcome outcome, const std::string& reason) const {
 // long: the others drain without it, and the deadline ends the process.
 bool RunEnd::stopDraining() {
     const Movers& movers = mPieces.movers;
-    const auto start = std::chrono::steady_clock::now();
+    auto until = std::chrono::steady_clock::now() + kSourceStopWait;
     for (size_t i = 0; i < movers.size(); ++i) {
         movers[i]->requestStop(i > 0);
-        if (!waitForFinish(*movers[i], start + (i == 0 ? kSourceStopWait : kDrainLimit))) {
+        if (!waitForFinish(*movers[i], until)) {
             movers[i]->requestStop(false);
-            waitForFinish(*movers[i], start + kDrainLimit);
+        }
+        if (i == 0) {
+            // However long the recorder's mover took, the others get their own time to drain.
+            until = std::chrono::steady_clock::now() + kDrainLimit;
         }
     }
     const bool all = std::all_of(movers.begin(), movers.end(),
                                  [](const auto& mover) { return mover->movedAll(); });
-    abortMovers(movers);
+    // An abort marks even a finished mover failed; movers that moved everything are left to
+    // their release.
+    if (!all) {
+        abortMovers(movers);
+    }
     return all;
 }
 
@@ -197,7 +196,7 @@ int RunEnd::finish() {
         exitCode = 2;
         break;
     case Way::Stopped:
-        mDeadline.arm(1);
+        mDeadline.arm(1, kStopText);
         tellFile(RunOutcome::Stopped, std::string());
         if (stopDraining()) {
             // Nothing was left to stop: the file is complete, and the run says so.

@@ -3,6 +3,7 @@
 
 #include "tests/support/TestSupport.h"
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <csignal>
@@ -44,17 +45,24 @@ TEST(StopDeadlineDeathTest, EndsTheProcessOnlyWhenTheStopTakesTooLong) {
     EXPECT_EXIT(holdDeadline([] { return false; }, false, 500ms), ExitedWithCode(0), "");
 }
 
-// Logs its abort() calls.
+// Logs its abort() calls; an abort fails it, and never returns while it has not finished (a
+// thread stuck in the kernel).
 struct FakeMover final : AbstractDataMover {
-    FakeMover(std::string& calls, std::string moverName, bool hasFailed)
-        : log(calls), label(std::move(moverName)), broken(hasFailed) {}
+    FakeMover(std::string& calls, std::string moverName, bool hasFailed, bool hasFinished = true)
+        : log(calls), label(std::move(moverName)), broken(hasFailed), finished(hasFinished) {}
     std::string name() override { return label; }
-    bool isFinished() override { return true; }
+    bool isFinished() override { return finished; }
     bool failed() override { return broken; }
-    bool movedAll() override { return false; }
+    bool movedAll() override { return finished && !broken; }
     void start(uint32_t) override {}
     std::string errorText() override { return label + " broke"; }
-    void abort() override { log += label + " "; }
+    void abort() override {
+        log += label + " ";
+        broken = true;
+        while (!finished) {
+            std::this_thread::sleep_for(1h);
+        }
+    }
     void requestStop(bool) override {}
     std::shared_ptr<AbstractDataSink> sink() override { return {}; }
     std::shared_ptr<AbstractDataSource> source() override { return {}; }
@@ -65,6 +73,7 @@ struct FakeMover final : AbstractDataMover {
     std::string& log;
     std::string label;
     bool broken;
+    bool finished;
 };
 
 // The file's writer, last in the chain, goes first: the file then closes with what reached it,
@@ -74,13 +83,25 @@ TEST(RunEnd, AbortsTheFilesWriterFirstAndReportsTheFailedMovers) {
     const Movers movers = {std::make_shared<FakeMover>(aborted, "recorder", false),
                            std::make_shared<FakeMover>(aborted, "decoder", true),
                            std::make_shared<FakeMover>(aborted, "file", false)};
+    EXPECT_EQ(RunEnd::collectErrors(movers), "decoder broke\n");
     RunEnd::abortMovers(movers);
     EXPECT_EQ(aborted, "file recorder ");
-    EXPECT_EQ(RunEnd::collectErrors(movers), "decoder broke\n");
 }
 
-// A run whose stop never ends, with two recordings open, one of which holds values, and a
-// progress line not yet flushed.
+// An abort would fail movers that moved every byte: a stop that comes then is a success.
+TEST(RunEnd, AStopAfterEveryByteMovedEndsTheRunAsFinished) {
+    std::string aborted;
+    RunEnd end([] { return true; });
+    end.pieces().movers = {std::make_shared<FakeMover>(aborted, "recorder", false),
+                           std::make_shared<FakeMover>(aborted, "file", false)};
+    end.watch();
+    ::testing::internal::CaptureStdout();
+    EXPECT_EQ(end.finish(), 0);
+    EXPECT_THAT(::testing::internal::GetCapturedStdout(), ::testing::EndsWith("successful\n"));
+}
+
+// A run whose stop never ends (its mover cannot be aborted), with two recordings open, one of
+// which holds values, and a progress line not yet flushed.
 void stopHangs(const std::string& dir) {
     std::freopen((dir + "/stdout").c_str(), "w", stdout);
     std::fputs("Transfer: 7 MB", stdout);
@@ -90,7 +111,10 @@ void stopHangs(const std::string& dir) {
     holding.claim();
     holding.noteValues(1);
     RunEnd end([] { return true; });
-    std::this_thread::sleep_for(2 * RunEnd::kStopLimit);
+    std::string aborted;
+    end.pieces().movers = {std::make_shared<FakeMover>(aborted, "recorder", false, false)};
+    end.watch();
+    end.finish();
     std::exit(0);
 }
 
