@@ -133,10 +133,12 @@ JournalFound findJournal(int fd, Journal& journal, uint64_t& offset) {
     }
     offset = get64(trailer + 8);
     const uint64_t length = get64(trailer + 16);
-    // The journal ends where its trailer begins; anything else is a torn or stale trailer.
+    // The journal ends where its trailer begins; a trailer that says otherwise is torn, and
+    // its offset is no place to cut the file at. No commit wrote in place before its trailer
+    // was synced whole, so the file is still at its last checkpoint.
     if (offset > size || length != size - kJournalTrailerBytes - offset ||
-        length > (uint64_t{1} << 32)) {
-        return JournalFound::Incomplete;
+        length > (uint64_t{1} << 30)) {
+        return JournalFound::None;
     }
     std::vector<uint8_t> body(static_cast<size_t>(length));
     if (!readAt(fd, body.data(), body.size(), offset) ||

@@ -189,11 +189,15 @@ void RecordingFile::publish(bool holdsData) {
         discard();
         return;
     }
-    // On disk before the name points to it.
-    ::fsync(mLockFd);
-    if (::rename(mTemporaryName.c_str(), mName.c_str()) != 0) {
+    // On disk before the name points to it: a file that may not be never replaces an older one.
+    if (::fsync(mLockFd) != 0) {
+        mLog.pellumDoLog(Severity::Error, "cannot sync %s: %s; the recording stays there", {},
+                         mTemporaryName.c_str(), std::strerror(errno));
+    } else if (::rename(mTemporaryName.c_str(), mName.c_str()) != 0) {
         mLog.pellumDoLog(Severity::Error, "cannot rename %s to %s: %s; the recording stays there",
                          {}, mTemporaryName.c_str(), mName.c_str(), std::strerror(errno));
+    } else {
+        syncDirectory();
     }
     release();
 }

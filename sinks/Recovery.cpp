@@ -1,5 +1,6 @@
 #include "sinks/Recovery.h"
 
+#include "sinks/Hdf5Support.h"
 #include "sinks/Journal.h"
 
 #include <hdf5.h>
@@ -109,7 +110,7 @@ bool lastValueReads(hid_t dataSet, uint64_t recorded) {
 
 // What HDF5 reads of the recording's attributes; false when it is none.
 bool readRecording(const std::string& path, Recovery& result) {
-    H5Eset_auto2(H5E_DEFAULT, nullptr, nullptr);
+    const QuietHdf5Errors quiet;
     const hid_t file = H5Fopen(path.c_str(), H5F_ACC_RDONLY, H5P_DEFAULT);
     if (file < 0) {
         result.reason = "HDF5 cannot read it";

@@ -21,6 +21,8 @@
 
 namespace quarvel {
 
+static_assert(sizeof(off_t) == 8, "file offsets must not wrap at 2 GiB");
+
 namespace {
 
 std::mutex gLogMutex;

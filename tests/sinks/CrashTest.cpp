@@ -27,9 +27,6 @@
 #include <unordered_map>
 #include <vector>
 
-#include <fcntl.h>
-#include <unistd.h>
-
 namespace quarvel {
 namespace {
 
@@ -62,12 +59,6 @@ void replay(std::string& image, const Op& op) {
     }
 }
 
-void store(const std::string& path, const std::string& image) {
-    const int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-    EXPECT_EQ(::write(fd, image.data(), image.size()), static_cast<ssize_t>(image.size()));
-    ::close(fd);
-}
-
 // What another program finds: "recorded_values", when the file opens and holds exactly the
 // recording's values up to there.
 std::optional<uint64_t> readRecording(const std::string& path, const std::vector<int32_t>& values) {
@@ -94,7 +85,7 @@ public:
     std::optional<uint64_t> read(const std::string& content) {
         const auto [at, added] = mRead.try_emplace(std::hash<std::string>{}(content));
         if (added) {
-            store(mPath, content);
+            test::writeFile(mPath, content);
             at->second = readRecording(mPath, mValues);
         }
         return at->second;
@@ -107,7 +98,7 @@ public:
         ++tally.states;
         const std::optional<uint64_t> raw = read(state);
         tally.goodUnrecovered += raw && claim && *raw >= *claim;
-        store(mPath, state);
+        test::writeFile(mPath, state);
         const Recovery recovery = recoverRecording(mPath);
         const bool recording = recovery.outcome == Recovery::Outcome::Repaired ||
                                recovery.outcome == Recovery::Outcome::NothingToDo;
@@ -132,10 +123,7 @@ private:
 };
 
 TEST(Crash, EveryProcessCrashAndRandomPowerCutsLeaveARecordingThatRecovers) {
-    const char* given = std::getenv("QUARVEL_TEST_SEED");
-    const uint64_t seed =
-        given != nullptr ? std::strtoull(given, nullptr, 10) : std::random_device{}();
-    std::printf("QUARVEL_TEST_SEED=%llu\n", static_cast<unsigned long long>(seed));
+    const uint64_t seed = test::testSeed();
     SCOPED_TRACE("QUARVEL_TEST_SEED=" + std::to_string(seed));
     H5Eset_auto2(H5E_DEFAULT, nullptr, nullptr);
 
@@ -254,9 +242,10 @@ TEST(Crash, EveryProcessCrashAndRandomPowerCutsLeaveARecordingThatRecovers) {
     EXPECT_EQ(power.bad, 0);
 }
 
-// A complete journal whose outcome HDF5 cannot read (it breaks the signature): recovery refuses
-// it and puts the file back byte for byte, journal and all.
-TEST(Crash, RecoveryThatCannotHelpPutsTheFileBackAsItWas) {
+// A torn trailer tells nowhere to cut the file: it is left alone. A complete journal whose
+// outcome HDF5 cannot read (it breaks the signature): recovery refuses it and puts the file back
+// byte for byte, journal and all.
+TEST(Crash, RecoveryLeavesAFileItCannotHelpAsItWas) {
     test::TempDir dir;
     const std::string path = dir.file("run.h5");
     {
@@ -266,12 +255,17 @@ TEST(Crash, RecoveryThatCannotHelpPutsTheFileBackAsItWas) {
         sink.write(reinterpret_cast<const uint8_t*>(values.data()), 4096);
         sink.close();
     }
+    const std::string torn = test::readFile(path) + "QVJTRAIL" + std::string(32, '\0');
+    test::writeFile(path, torn);
+    EXPECT_EQ(recoverRecording(path).outcome, Recovery::Outcome::NothingToDo);
+    EXPECT_TRUE(test::readFile(path) == torn);
+
     std::string image = test::readFile(path);
     const Journal journal{
         1, image.size(), {{0, std::vector<uint8_t>(8)}, {image.size() - 100, {100, 1}}}};
     const std::vector<uint8_t> tail = encodeJournal(journal, image.size());
     image.append(tail.begin(), tail.end());
-    store(path, image);
+    test::writeFile(path, image);
     const Recovery recovery = recoverRecording(path);
     EXPECT_EQ(recovery.outcome, Recovery::Outcome::CannotRepair);
     EXPECT_EQ(recovery.reason, "HDF5 cannot read it");
