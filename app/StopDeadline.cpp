@@ -70,7 +70,7 @@ void StopDeadline::watch() {
 
 // Called with the mutex held; nothing of the stuck threads is waited for.
 void StopDeadline::fire() {
-    Waiting what = Waiting::Device;
+    Waiting what = Waiting::Disk;
     std::string name;
     const bool known = currentWait(what, name);
     std::string why =

@@ -8,8 +8,8 @@ namespace {
 
 struct Waits {
     std::mutex mutex;
-    int count[3] = {};
-    std::string name[3];
+    int count[2] = {};
+    std::string name[2];
 };
 
 Waits& waits() {
@@ -35,7 +35,7 @@ WaitingFor::~WaitingFor() {
 bool currentWait(Waiting& what, std::string& name) {
     Waits& all = waits();
     std::lock_guard<std::mutex> lock(all.mutex);
-    for (int i = 0; i < 3; ++i) {
+    for (int i = 0; i < 2; ++i) {
         if (all.count[i] > 0) {
             what = static_cast<Waiting>(i);
             name = all.name[i];

@@ -5,8 +5,9 @@
 namespace quarvel {
 
 // What the program's threads wait for in the system right now, so that a stop that takes too long
-// can say what held it up instead of guessing.
-enum class Waiting { Disk, Sysfs, Device };
+// can say what held it up instead of guessing. A stop held up by nothing marked is taken to be
+// held up by the recorder device.
+enum class Waiting { Disk, Sysfs };
 
 // Marks one thread's wait for its lifetime; name says what (the file, the attribute, the device).
 class WaitingFor {

@@ -124,7 +124,6 @@ uint32_t Recorder::readAvailable(uint8_t* buffer, uint32_t bufferLen) {
         mNothingPending = true;
         return 0;
     }
-    const WaitingFor waiting(Waiting::Device, mDevicePath);
     const ssize_t n = ::read(fd, buffer, bufferLen);
     if (n > 0) {
         mEndOfFile = false;
