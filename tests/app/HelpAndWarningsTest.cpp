@@ -4,18 +4,14 @@
 #include "app/ArgumentWarnings.h"
 #include "platform/MorvikApplication.h"
 
-#include "tests/support/TestSupport.h"
+#include "tests/app/Harness.h"
 
 #include <gtest/gtest.h>
 
+#include <fstream>
 #include <sstream>
 #include <utility>
 #include <vector>
-
-#include <fcntl.h>
-#include <spawn.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 namespace quarvel::test {
 namespace {
@@ -55,46 +51,19 @@ TEST(ArgumentWarnings, NameTheIgnoredWordAndTheOneOptionNearIt) {
     }
 }
 
-struct Outcome {
-    int exitCode;
-    std::string out, err;
-};
-
-// Not through a shell: under the emulator of a cross build, that would be the board's.
-Outcome quarvel(const TempDir& dir, const std::string& args) {
-    std::vector<std::string> argv = words(QUARVEL_LAUNCHER " " QUARVEL_BINARY " " + args);
-    std::vector<char*> pointers;
-    for (auto& arg : argv) {
-        pointers.push_back(arg.data());
-    }
-    pointers.push_back(nullptr);
-    const std::string out = dir.file("out"), err = dir.file("err");
-    posix_spawn_file_actions_t streams;
-    posix_spawn_file_actions_init(&streams);
-    posix_spawn_file_actions_addopen(&streams, 1, out.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-    posix_spawn_file_actions_addopen(&streams, 2, err.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-    pid_t pid = 0;
-    int status = -1;
-    if (posix_spawn(&pid, pointers[0], &streams, nullptr, pointers.data(), environ) == 0) {
-        waitpid(pid, &status, 0);
-    }
-    posix_spawn_file_actions_destroy(&streams);
-    return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, readFile(out), readFile(err)};
-}
-
 // Help comes first, whatever else is given, and touches nothing; a warned run goes on as ever.
 TEST(Quarvel, AnswersHelpAndRecordsDespiteAMistypedOption) {
     TempDir dir;
     const std::string run =
         "--conf=mock --rec-dev=/dev/null --data-bytes=4096 --fi=" + dir.file("r.h5");
     for (const char* help : {" --version --log-level=none --help", " -h"}) {
-        const Outcome answer = quarvel(dir, run + help);
+        const Finished answer = runQuarvel({words(run + help)});
         EXPECT_EQ(answer.exitCode, 0) << help;
         EXPECT_EQ(answer.out.rfind("Usage: quarvel --file=FILE", 0), 0u) << answer.out;
         EXPECT_EQ(answer.err, "") << help;
         EXPECT_FALSE(std::ifstream(dir.file("r.h5"))) << help;
     }
-    const Outcome recorded = quarvel(dir, run + " --src-adr=4096");
+    const Finished recorded = runQuarvel({words(run + " --src-adr=4096")});
     EXPECT_EQ(recorded.exitCode, 0);
     EXPECT_EQ(recorded.err,
               "quarvel: ignoring unknown option '--src-adr=4096' (did you mean --src-addr?)\n");

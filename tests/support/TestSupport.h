@@ -6,11 +6,13 @@
 
 #include <cerrno>
 #include <chrono>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
 #include <functional>
 #include <iterator>
+#include <random>
 #include <stdexcept>
 #include <string>
 #include <thread>
@@ -51,13 +53,25 @@ private:
     std::string mPath;
 };
 
+// The seed of a randomized test: QUARVEL_TEST_SEED, or a fresh one; printed, so that a failure
+// can be run again.
+inline uint64_t testSeed() {
+    const char* given = std::getenv("QUARVEL_TEST_SEED");
+    const uint64_t seed =
+        given != nullptr ? std::strtoull(given, nullptr, 10) : std::random_device{}();
+    std::printf("QUARVEL_TEST_SEED=%llu\n", static_cast<unsigned long long>(seed));
+    return seed;
+}
+
 inline std::string readFile(const std::string& path) {
     std::ifstream in(path, std::ios::binary);
     return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
 }
 
 inline void writeFile(const std::string& path, const std::string& content) {
-    std::ofstream(path, std::ios::binary | std::ios::trunc) << content;
+    std::ofstream out(path, std::ios::binary | std::ios::trunc);
+    out << content;
+    EXPECT_TRUE(out.flush().good()) << "cannot write " << path;
 }
 
 // Polls a state that another thread or process reaches, with a deadline for any machine.
