@@ -372,6 +372,7 @@ INSTANTIATE_TEST_SUITE_P(
             .records("mock", kLargest)
             .stops(500ms)
             .ends(1, Fully("(Transfer: [^\r]*\r){2,}"), Row::kStopped)
+            .logs("ERROR [quarvel] GOT SIGTERM")
             .leaves("stopped", 4096),
         Row("SigintStops").records("mock", kLargest).stops(500ms, SIGINT).leaves("stopped", 4096),
         Row("SighupStops").records("mock", kLargest).stops(500ms, SIGHUP).leaves("stopped", 4096),
